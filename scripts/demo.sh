@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Builds tarnix-optimize and its tools, generates a bucket directory of small
+# index files with tarnix-index, and runs tarnix-optimize -v on it.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/ensure-deps.sh
+dir=build/release
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNIX_BUILD_TESTS=OFF >/dev/null
+cmake --build "$dir" -j "$(nproc 2>/dev/null || echo 2)"
+bucket=${BUCKET:-$(mktemp -d /tmp/tarnix-bucket-XXXXXX)}
+events=${EVENTS:-200000}
+if [ ! -x "$dir/tarnix-index" ]; then
+  echo "tarnix-index is not built yet; would run:"
+  echo "  $dir/tarnix-index --generate $events --seed 1 -d $bucket --max-values 8192"
+  echo "  $dir/tarnix-optimize -v -d $bucket"
+  exit 0
+fi
+echo "== generating $events events into $bucket"
+"$dir/tarnix-index" --generate "$events" --seed 1 -d "$bucket" --max-values 8192
+echo "== before: $(ls "$bucket" | grep -c '\.tsidx$') index files, $(du -sh "$bucket" | cut -f1)"
+"$dir/tarnix-optimize" -v -d "$bucket"
+echo "== after: $(ls "$bucket" | grep -c '\.tsidx$') index files, $(du -sh "$bucket" | cut -f1)"
+ls -l "$bucket"

@@ -1,0 +1,131 @@
+#include "testutil/testutil.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+namespace testutil {
+
+TempDir::TempDir() {
+  std::string base = ::testing::TempDir();
+  if (base.empty() || base.back() != '/') base += "/";
+  std::string templ = base + "tarnix-test-XXXXXX";
+  std::vector<char> buf(templ.begin(), templ.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = buf.data();
+}
+
+TempDir::~TempDir() { remove_tree(path_); }
+
+void remove_tree(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) return;
+  if (S_ISDIR(st.st_mode)) {
+    if (DIR* d = opendir(path.c_str())) {
+      while (dirent* e = readdir(d)) {
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+        remove_tree(path + "/" + e->d_name);
+      }
+      closedir(d);
+    }
+    rmdir(path.c_str());
+  } else {
+    unlink(path.c_str());
+  }
+}
+
+std::vector<uint8_t> read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::vector<std::string> list_dir(const std::string& path) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(path.c_str())) {
+    while (dirent* e = readdir(d)) {
+      if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+      names.emplace_back(e->d_name);
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string bin(const std::string& name) { return std::string(TARNIX_BIN_DIR) + "/" + name; }
+
+namespace {
+std::string slurp_fd(int fd) {
+  std::string s;
+  char buf[65536];
+  lseek(fd, 0, SEEK_SET);
+  ssize_t n;
+  while ((n = read(fd, buf, sizeof(buf))) > 0) s.append(buf, static_cast<size_t>(n));
+  return s;
+}
+int temp_fd() {
+  char templ[] = "/tmp/tarnix-run-XXXXXX";
+  int fd = mkstemp(templ);
+  if (fd >= 0) unlink(templ);
+  return fd;
+}
+}  // namespace
+
+RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+              const std::string& stdin_data) {
+  int out = temp_fd(), err = temp_fd(), in = temp_fd();
+  if (!stdin_data.empty()) {
+    if (write(in, stdin_data.data(), stdin_data.size()) != static_cast<ssize_t>(stdin_data.size()))
+      throw std::runtime_error("write stdin");
+    lseek(in, 0, SEEK_SET);
+  }
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    for (const auto& e : env) {
+      auto eq = e.find('=');
+      if (eq == std::string::npos) {
+        unsetenv(e.c_str());
+      } else {
+        setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
+      }
+    }
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  RunResult r;
+  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  r.out = slurp_fd(out);
+  r.err = slurp_fd(err);
+  close(out);
+  close(err);
+  close(in);
+  return r;
+}
+
+}  // namespace testutil
