@@ -1,0 +1,311 @@
+// Posting lists: the streaming writer (gaps and runs, one 8192-byte buffer)
+// and the buffered reader (one 4096-byte buffer plus the offset-table
+// array reader). The encoding is described in warmslice.h: VBE(first), then
+// VBE(gap) for each value that is not one above its predecessor, and a zero
+// byte followed by VBE(k) for k further values each one above the last. A
+// zero byte after the first value can only mean a run, as gaps are never 0.
+#include <errno.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "searchthing/check.h"
+#include "searchthing/codes.h"
+#include "searchthing/fclex_io.h"
+#include "searchthing/warmslice.h"
+
+namespace tarnix {
+
+namespace {
+
+bool pwrite_all(int fd, const uint8_t* p, uint64_t n, uint64_t off) noexcept {
+  while (n > 0) {
+    ssize_t k = pwrite(fd, p, n, static_cast<off_t>(off));
+    if (k < 0 && errno == EINTR) continue;
+    if (k <= 0) return false;
+    p += k;
+    n -= static_cast<uint64_t>(k);
+    off += static_cast<uint64_t>(k);
+  }
+  return true;
+}
+
+// A put emits at most 6 bytes for a pending run and 5 for a gap; flushing
+// once more than 8180 bytes are held keeps the next put or end of term in
+// the buffer.
+constexpr uint32_t PLW_MARGIN = 12;
+
+inline void emit_run(plw* w) noexcept {
+  w->buf[w->bytes] = 0;
+  uint32_t n = 1 + st_encode_to_vbe(w->buf + w->bytes + 1, w->run);
+  w->bytes += n;
+  w->total += n;
+}
+
+}  // namespace
+
+// ---- Writer -----------------------------------------------------------------
+
+int _plist_writer_open(plw* w, int fd, uint64_t offset) noexcept {
+  w->fd = fd;
+  w->offset = offset;
+  w->bytes = 0;
+  w->total = 0;
+  w->count_forterm = 0;
+  w->run = 0;
+  w->last_value = 0;
+  return WS_SUCCESS;
+}
+
+int _plist_writer_start_term(plw* w) noexcept {
+  w->count_forterm = 0;
+  w->run = 0;
+  w->last_value = 0;
+  return WS_SUCCESS;
+}
+
+int _plist_writer_put(plw* w, uint32_t value) noexcept {
+  const uint32_t cur_value = value;
+  if (w->count_forterm > 0 && cur_value == w->last_value + 1 && w->last_value != END_OF_LIST) {
+    w->run++;
+  } else {
+    // A value equal to the last one is a duplicate (two source values merged
+    // into one target value): neither written nor counted.
+    if (w->count_forterm > 0 && cur_value == w->last_value) return WS_SUCCESS;
+    if (w->run > 0) {
+      emit_run(w);
+      w->run = 0;
+    }
+    ST_ASSERT_TEXT(w->count_forterm == 0 || cur_value > w->last_value,
+                   "plw->count_forterm == 0 || cur_value > plw->last_value");
+    uint32_t n = st_encode_to_vbe(w->buf + w->bytes, cur_value - w->last_value);
+    w->bytes += n;
+    w->total += n;
+  }
+  w->last_value = cur_value;
+  w->count_forterm++;
+  if (w->bytes + PLW_MARGIN >= PLW_BUF_SZ + 1) {
+    if (!pwrite_all(w->fd, w->buf, w->bytes, w->offset)) return WS_EWRITE;  // buffer kept
+    w->offset += w->bytes;
+    w->bytes = 0;
+  }
+  return WS_SUCCESS;
+}
+
+int _plist_writer_end_term(plw* w) noexcept {
+  // The run count itself is cleared by the next start of a term.
+  if (w->run > 0) emit_run(w);
+  return WS_SUCCESS;
+}
+
+int _plist_writer_close(plw* w) noexcept {
+  int rc = WS_SUCCESS;
+  if (w->bytes > 0) {
+    if (pwrite_all(w->fd, w->buf, w->bytes, w->offset)) {
+      w->offset += w->bytes;
+      w->bytes = 0;
+    } else {
+      rc = WS_EWRITE;
+    }
+  }
+  w->fd = -1;
+  return rc;
+}
+
+// ---- Offsets ------------------------------------------------------------------
+
+uint64_t _pl_offset(uint64_t table_offset, uint32_t num_terms, int fd, bool plo64, int64_t term_id) noexcept {
+  if (term_id < 0) return 0;
+  ST_ASSERT_TEXT(static_cast<uint32_t>(term_id) < num_terms, "(unsigned)term_id < num_terms");
+  // A failed read is not detected: the zeroed buffer yields offset 0.
+  uint8_t b[8] = {};
+  const uint64_t sz = plo64 ? 8 : 4;
+  (void)!pread(fd, b, sz, static_cast<off_t>(table_offset + static_cast<uint64_t>(term_id) * sz));
+  return plo64 ? load_be64(b) : load_be32(b);
+}
+
+uint64_t _pl_offset_warm(warm* w, int64_t term_id) noexcept {
+  const warm_header* h = warm_hdr(w);
+  if (w->fd >= 0) return _pl_offset(_offset_pl_offs(h), hdr_num_terms(h), w->fd, w->plo64, term_id);
+  // A writer's in-memory handle has no descriptor: read its table directly.
+  if (term_id < 0) return 0;
+  ST_ASSERT_TEXT(static_cast<uint32_t>(term_id) < hdr_num_terms(h), "(unsigned)term_id < num_terms");
+  return w->plo64 ? load_be64(w->pl_offs + 8 * term_id) : load_be32(w->pl_offs + 4 * term_id);
+}
+
+uint64_t st_warm_slice_pl_size(warm* w, uint32_t term_id) noexcept {
+  return _pl_offset_warm(w, term_id) - _pl_offset_warm(w, static_cast<int64_t>(term_id) - 1);
+}
+
+uint64_t st_warm_slice_postings_size(warm* w) noexcept {
+  if (w->postings_size != 0) return w->postings_size;
+  const uint32_t n = hdr_num_terms(warm_hdr(w));
+  if (n == 0) return 0;
+  w->postings_size = _pl_offset_warm(w, static_cast<int64_t>(n) - 1);
+  return w->postings_size;
+}
+
+// ---- Reader -------------------------------------------------------------------
+
+int _init_reader_helper(plist_reader* r, int fd, uint64_t table_offset, uint32_t num_terms, uint32_t plo_size,
+                        uint64_t postings_offset, uint64_t postings_size, uint32_t bufcap,
+                        uint32_t* timing) noexcept {
+  r->fd = fd;
+  r->postings_offset = postings_offset;
+  r->postings_size = postings_size;
+  r->buf_start = 0;
+  r->left = 0;
+  r->pos = 0;
+  r->valid = 0;
+  r->current = 0;
+  r->returned = 0;
+  r->pending = 0;
+  r->timing = timing;
+  _set_rc(&r->rc, WS_SUCCESS);
+  return _ar_open(&r->plo_reader, fd, table_offset, plo_size, num_terms, std::max<uint32_t>(bufcap, 1024),
+                  timing);
+}
+
+int _init_reader(plist_reader* r, warm* w, uint32_t bufcap, uint32_t* timing) noexcept {
+  const warm_header* h = warm_hdr(w);
+  const uint64_t postings_offset = static_cast<uint64_t>(w->postings - w->body);
+  const uint64_t postings_size = st_warm_slice_postings_size(w);
+  return _init_reader_helper(r, w->fd, _offset_pl_offs(h), hdr_num_terms(h), _get_plo_size(h), postings_offset,
+                             postings_size, bufcap, timing);
+}
+
+namespace {
+
+// Offset-table entry i as a 64-bit number, or a negative code.
+inline int plo_entry(plist_reader* r, uint32_t i, uint64_t* out) noexcept {
+  const uint64_t sz = r->plo_reader._obj_sz;
+  const uint8_t* e = _ar_get_i(&r->plo_reader, i, sz, &r->rc);
+  if (e == nullptr) return r->rc.warm_rc;
+  if (sz == 8) {
+    *out = load_be64(e);
+  } else {
+    ST_ASSERT_TEXT(sz == 4, "reader->plo_reader._obj_sz == sizeof( st_plo32_t )");
+    *out = load_be32(e);
+  }
+  return WS_SUCCESS;
+}
+
+}  // namespace
+
+int _seek_reader(plist_reader* r, uint32_t term_id) noexcept {
+  uint64_t start = 0;
+  uint64_t end = 0;
+  int rc;
+  if (term_id > 0 && (rc = plo_entry(r, term_id - 1, &start)) != 0) return rc;
+  if ((rc = plo_entry(r, term_id, &end)) != 0) return rc;
+  // Offsets that go backwards or past the postings would send the reader
+  // outside the list: the table is corrupt.
+  if (end < start || end > r->postings_size) return WS_EDATA;
+  if (start >= r->buf_start && start - r->buf_start <= r->valid) {
+    r->pos = static_cast<uint32_t>(start - r->buf_start);
+  } else {
+    r->buf_start = start;
+    r->pos = 0;
+    r->valid = 0;
+  }
+  r->left = end - start;
+  r->current = 0;
+  r->returned = 0;
+  r->pending = 0;
+  return WS_SUCCESS;
+}
+
+int _next(plist_reader* r, uint32_t* value) noexcept {
+  *value = END_OF_LIST;
+  if (r->pending > 0) {
+    r->pending--;
+    r->current++;
+    r->returned++;
+    *value = r->current;
+    return WS_SUCCESS;
+  }
+  if (r->left == 0) return WS_SUCCESS;
+  if (r->valid - r->pos < 5 && r->buf_start + r->valid < r->postings_size) {
+    r->buf_start += r->pos;
+    const uint64_t want = std::min<uint64_t>(PLR_BUF_SZ, r->postings_size - r->buf_start);
+    ssize_t got = st_timed_pread_msg(r->fd, r->buf, want, r->postings_offset + r->buf_start, r->timing, 1);
+    r->pos = 0;
+    if (got < 1) {
+      r->valid = 0;
+      return WS_EREAD;
+    }
+    r->valid = static_cast<uint32_t>(got);
+  }
+  const uint8_t* p = r->buf + r->pos;
+  const uint8_t* limit = r->buf + std::min<uint64_t>(r->valid, r->pos + r->left);
+  if (p >= limit) return WS_EDATA;
+  uint32_t v;
+  uint32_t used;
+  uint32_t next_value;
+  if (r->returned > 0 && *p == 0) {
+    uint32_t k;
+    uint32_t n = vbe_get(p + 1, limit, &k);
+    if (n == 0 || k == 0 || k > END_OF_LIST - 1 - r->current) return WS_EDATA;
+    next_value = r->current + 1;
+    r->pending = k - 1;
+    used = 1 + n;
+  } else {
+    uint32_t n = vbe_get(p, limit, &v);
+    // Values ascend strictly and never reach the end marker.
+    if (n == 0 || v > END_OF_LIST - 1 - r->current) return WS_EDATA;
+    next_value = r->current + v;
+    used = n;
+  }
+  r->pos += used;
+  r->left -= used;
+  r->returned++;
+  r->current = next_value;
+  *value = next_value;
+  return WS_SUCCESS;
+}
+
+int _seek(plist_reader* r, uint32_t target, uint32_t* value) noexcept {
+  uint32_t v;
+  int rc = _next(r, &v);
+  if (rc != 0) return rc;
+  while (v != END_OF_LIST && v < target) {
+    if (r->pending > 0 && target - r->current <= r->pending) {
+      // Jump inside the run without decoding anything.
+      r->pending -= target - r->current;
+      r->returned += target - r->current;
+      r->current = target;
+      *value = target;
+      return WS_SUCCESS;
+    }
+    r->current += r->pending;
+    r->returned += r->pending;
+    r->pending = 0;
+    if ((rc = _next(r, &v)) != 0) return rc;
+  }
+  *value = v;
+  return WS_SUCCESS;
+}
+
+void close_plist_reader(plist_reader* r) noexcept { _ar_close(&r->plo_reader); }
+
+int64_t st_warm_slice_pl_hash(warm* w, uint32_t term_id) noexcept {
+  plist_reader* r = static_cast<plist_reader*>(calloc(1, sizeof(plist_reader)));
+  if (r == nullptr) return -1;
+  int64_t result = -1;
+  if (_init_reader(r, w, 1024, nullptr) == 0) {
+    if (_seek_reader(r, term_id) == 0) {
+      uint64_t h = 5381;
+      uint32_t v;
+      int rc;
+      while ((rc = _next(r, &v)) == 0 && v != END_OF_LIST) h = h * 33 + v;
+      if (rc == 0) result = static_cast<int64_t>(h);
+    }
+    close_plist_reader(r);
+  }
+  free(r);
+  return result;
+}
+
+}  // namespace tarnix
