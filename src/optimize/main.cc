@@ -1,8 +1,9 @@
 // Process entry of tarnix-optimize: crash reporting first, then the command
 // line; the exit status is the low eight bits of the run's result.
-#include <cstdio>
+#include "libzero/create-crash-dump.h"
+#include "optimize/optimize_main.h"
 
-int main(int, char**) {
-  fprintf(stderr, "tarnix-optimize: not built yet\n");
-  return 1;
+int main(int argc, char** argv) {
+  (void)tarnix::crash_log_creator_init_with_default_prefix();
+  return tarnix::optimize_main(argc, argv);
 }

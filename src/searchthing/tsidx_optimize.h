@@ -15,6 +15,7 @@
 #include <cstdio>
 
 #include "searchthing/result.h"
+#include "searchthing/tsidx.h"
 
 namespace tarnix {
 
@@ -30,6 +31,8 @@ inline constexpr uint32_t SO_MAX_GROUP = 32;                   // one bit per so
 inline constexpr uint32_t SO_LOCK_RETRY_US = 500000;           // source-lock retry, no limit
 inline constexpr int SO_DIR_LOCK_WAIT_S = 10;
 inline constexpr int SO_MOVE_ATTEMPTS = 10;
+inline constexpr size_t SO_CANDIDATE_PATH_MAX = 4095;          // longer paths are cut
+inline constexpr char SO_MERGE_SUFFIX[] = ".merge";
 
 // A chosen group: positions in the size-sorted candidate list, ascending.
 struct so_group {
@@ -43,5 +46,35 @@ struct so_group {
 // the rules. Pure: touches nothing but *out.
 int _so_choose_group(const int64_t* sizes, uint32_t n, int32_t mode, uint32_t min_src_count,
                      uint64_t max_allowed_size, so_group* out) noexcept;
+
+// One pass over every "%d-%d-%llu.tsidx" file of the directory, whatever its
+// times. Returns the code also left in wrc_o->warm_rc: 0 a group was merged
+// and committed; -1 the directory could not be listed; -2 no memory for the
+// candidate list; -4 a source could not be opened or the intermediate could
+// not be created; -11 closing the intermediate failed; -28 the intermediate
+// existed; -29 a lock could not be taken; -30 fewer than 2 candidates; -31
+// no group satisfies the rules; -35 the move to the final name failed; any
+// other negative code is the merge's own.
+int32_t st_tsidx_optimize_n(tsidx* t, int32_t mode, FILE* log, uint32_t min_src_count,
+                            uint32_t lex_tpb, uint64_t page_size, wrc* wrc_o,
+                            uint64_t max_allowed_size, int tstats) noexcept;
+
+// The pass itself, over the names that filter accepts.
+int32_t _st_tsidx_optimize(tsidx* t, int32_t mode, FILE* log, uint32_t min_src_count,
+                           uint32_t lex_tpb, uint64_t page_size, tsidx_filter filter, wrc* wrc_o,
+                           uint64_t max_allowed_size, int tstats) noexcept;
+
+// Moves intermediate to a fresh "<dir>/<latest>-<earliest>-<id>.tsidx" name:
+// up to 10 attempts, each with a new id. 0, or the last error number.
+// Asserts "latest >= earliest".
+int move_retry_time(const char* intermediate, const char* dir, int32_t earliest, int32_t latest,
+                    FILE* log) noexcept;
+
+// The pass's closing log line (nothing without a log stream). The error
+// number printed is *errno_ptr when given, else w->warm_errno.
+void _log_optimize_finished(FILE* log, const wrc* w, const int* errno_ptr) noexcept;
+
+// The text of the closing log line for a pass code.
+const char* _so_finished_text(int32_t rc) noexcept;
 
 }  // namespace tarnix

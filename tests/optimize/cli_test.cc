@@ -1,0 +1,219 @@
+// The command line of tarnix-optimize, run as the built program: every
+// refused command line gives its exact message, the usage text and exit
+// status 219; accepted ones reach the optimize run, whose start line on the
+// log shows what the parser made of the options.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "optimize/optimize_main.h"
+#include "testutil/testutil.h"
+
+namespace tarnix {
+namespace {
+
+const std::string kProgram = testutil::bin("tarnix-optimize");
+// Lock files work on any file system the tests run on.
+const std::vector<std::string> kLockEnv = {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes",
+                                           "LOG_TARNIX_OPTIMIZE"};
+
+std::string usage_for(const std::string& prog) {
+  return "usage:" + prog +
+         " -d|--directory <dir>\n"
+         "\t[-h|--help]\n"
+         "\t[-m|--mode <normal|force|all> (defaults to normal)]\n"
+         "\t[-v|--verbose]\n"
+         "\t[-s|--min-src-count <number> (defaults to 8)]\n"
+         "\t[-i|--iterations-max <number> (defaults to unlmitted)]\n"
+         "\t[-b|--lex-tpb  <number> (default 64 - merged lexicon terms per block)]\n"
+         "\t[-x|--max-allowed-size  <number> (max allowed extra disk space required, in bytes)]\n"
+         "\t[-p]--page-size <bytes> (memory allocation size, default: 1048576 (1MB), minimum: "
+         "16384)]\n";
+}
+
+std::string regex_escape(const std::string& s) {
+  return std::regex_replace(s, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
+}
+
+testutil::RunResult run_opt(const std::vector<std::string>& args,
+                            const std::vector<std::string>& env = kLockEnv) {
+  std::vector<std::string> argv = {kProgram};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return testutil::run(argv, env);
+}
+
+struct fault_case {
+  std::vector<std::string> args;
+  std::string message;
+};
+
+TEST(OptimizeCli, RefusedCommandLinesPrintMessageAndUsage) {
+  const std::string d = "/nonexistent-bucket";
+  const std::vector<fault_case> cases = {
+      {{}, "required parms not specified"},
+      {{"-v"}, "required parms not specified"},
+      {{"--final", "--tstats", "-m", "all"}, "required parms not specified"},
+      // Arguments without a leading dash, unknown and combined forms.
+      {{d}, "unrecognized flag"},
+      {{"-d", d, "extra"}, "unrecognized flag"},
+      {{"--directory=" + d}, "unrecognized flag"},
+      {{"-d" + d}, "unrecognized flag"},
+      {{"-vd", d}, "unrecognized flag"},
+      {{"-D", d}, "unrecognized flag"},
+      {{"-d", d, "--iterations-max", "3"}, "unrecognized flag"},
+      {{"-d", d, "--final=1"}, "unrecognized flag"},
+      {{"-d", d, ""}, "unrecognized flag"},
+      {{"-d", d, "-"}, "unrecognized flag"},
+      // Missing values.
+      {{"-d"}, "specify directory"},
+      {{"-v", "--directory"}, "specify directory"},
+      {{"-d", d, "-s"}, "specify minimum source count"},
+      {{"-d", d, "--iteration-max"}, "specify iteration max"},
+      {{"-d", d, "-m"}, "specify mode"},
+      {{"-d", d, "--lex-tpb"}, "specify lexicon terms per block"},
+      {{"-d", d, "--page-size"}, "specify valid page size"},
+      {{"-d", d, "--max-allowed-size"}, "specify maximum number of bytes"},
+      // Numbers must begin with a decimal digit.
+      {{"-d", d, "-s", "-1"}, "specify minimum source count"},
+      {{"-d", d, "-s", "+3"}, "specify minimum source count"},
+      {{"-d", d, "-s", " 3"}, "specify minimum source count"},
+      {{"-d", d, "-s", ""}, "specify minimum source count"},
+      {{"-d", d, "-i", "-1"}, "specify iteration max"},
+      {{"-d", d, "-i", "many"}, "specify iteration max"},
+      {{"-d", d, "-b", "x64"}, "specify lexicon terms per block"},
+      {{"-d", d, "-p", "-16384"}, "specify valid page size"},
+      {{"-d", d, "-x", "-1"}, "specify maximum number of bytes"},
+      {{"-d", d, "-x", ""}, "specify maximum number of bytes"},
+      // Ranges.
+      {{"-d", d, "-s", "33"}, "specify minimum source count at most 32"},
+      {{"-d", d, "--min-src-count", "99999999999999999999"}, "specify minimum source count at most 32"},
+      {{"-d", d, "-p", "16383"}, "specify valid page size"},
+      {{"-d", d, "-p", "0"}, "specify valid page size"},
+      {{"-d", d, "-p", "18446744073709551615"}, "specify valid page size"},
+      {{"-d", d, "-p", "99999999999999999999999"}, "specify valid page size"},
+      // Mode words are exact.
+      {{"-d", d, "-m", "All"}, "invalid mode specified"},
+      {{"-d", d, "--mode", "NORMAL"}, "invalid mode specified"},
+      {{"-d", d, "-m", "2"}, "invalid mode specified"},
+      {{"-d", d, "-m", ""}, "invalid mode specified"},
+      // Help anywhere, even after valid options; the first fault wins.
+      {{"-h"}, "HELP:"},
+      {{"-d", d, "-v", "-m", "force", "--help"}, "HELP:"},
+      {{"-h", "-d"}, "HELP:"},
+      {{"-d", d, "-s", "33", "-h"}, "specify minimum source count at most 32"},
+      {{"-d", d, "bogus", "-h"}, "unrecognized flag"},
+  };
+  for (const fault_case& c : cases) {
+    std::string shown;
+    for (const std::string& a : c.args) shown += "[" + a + "]";
+    SCOPED_TRACE(shown);
+    testutil::RunResult r = run_opt(c.args);
+    EXPECT_EQ(r.status, 219);
+    EXPECT_EQ(r.err, "MESSAGE: " + c.message + "\n" + usage_for(kProgram));
+    EXPECT_EQ(r.out, "");
+  }
+}
+
+TEST(OptimizeCli, OptimizeMainReturnsMinus37ForFaults) {
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    // The child's stderr would only clutter the test output.
+    FILE* null_err = freopen("/dev/null", "w", stderr);
+    char prog[] = "tarnix-optimize";
+    char opt[] = "-s";
+    char val[] = "40";
+    char* argv[] = {prog, opt, val, nullptr};
+    int rc = optimize_main(3, argv);
+    int usage_rc = print_usage("x", "y");
+    _exit(null_err != nullptr && rc == -37 && usage_rc == -37 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+struct accept_case {
+  std::vector<std::string> args;  // "DIR" stands for the bucket directory
+  std::string settings;           // the start line from "mode=" on
+};
+
+TEST(OptimizeCli, AcceptedCommandLinesReachTheRun) {
+  const std::vector<accept_case> cases = {
+      {{"-d", "DIR", "-v"},
+       "mode=0 verbose=true isfinal=false max_iteration=2147483647 min_src_count=8 lex_tpb=64"},
+      {{"--directory", "DIR", "--verbose", "-m", "force", "-s", "0", "-i", "5", "-b", "0", "--final"},
+       "mode=1 verbose=true isfinal=true max_iteration=5 min_src_count=0 lex_tpb=0"},
+      {{"-v", "--mode", "all", "--min-src-count", "32", "--iteration-max", "0", "--lex-tpb", "7",
+        "-d", "DIR"},
+       "mode=2 verbose=true isfinal=false max_iteration=0 min_src_count=32 lex_tpb=7"},
+      {{"-d", "DIR", "-v", "-s", "1", "-m", "normal", "-i", "2147483647"},
+       "mode=0 verbose=true isfinal=false max_iteration=2147483647 min_src_count=1 lex_tpb=64"},
+      // Digits first is all that is checked; the rest of the text is ignored.
+      {{"-d", "DIR", "-v", "-i", "12abc", "-b", "3x"},
+       "mode=0 verbose=true isfinal=false max_iteration=12 min_src_count=8 lex_tpb=3"},
+      // Page sizes 16384 .. 2^64-2 and any extra-space limit are taken.
+      {{"-d", "DIR", "-v", "-p", "16384", "-x", "0"},
+       "mode=0 verbose=true isfinal=false max_iteration=2147483647 min_src_count=8 lex_tpb=64"},
+      {{"-d", "DIR", "-v", "--page-size", "18446744073709551614", "--max-allowed-size",
+        "99999999999999999999999", "--tstats"},
+       "mode=0 verbose=true isfinal=false max_iteration=2147483647 min_src_count=8 lex_tpb=64"},
+      // A later directory replaces an earlier one.
+      {{"-d", "/nonexistent-bucket", "-v", "-d", "DIR"},
+       "mode=0 verbose=true isfinal=false max_iteration=2147483647 min_src_count=8 lex_tpb=64"},
+  };
+  for (const accept_case& c : cases) {
+    testutil::TempDir dir;
+    std::vector<std::string> args = c.args;
+    for (std::string& a : args) {
+      if (a == "DIR") a = dir.path();
+    }
+    std::string shown;
+    for (const std::string& a : args) shown += "[" + a + "]";
+    SCOPED_TRACE(shown);
+    testutil::RunResult r = run_opt(args);
+    EXPECT_EQ(r.status, 0);
+    // An empty directory: one pass finds fewer than two files.
+    std::regex expected("tm=\\d+ tarnix-optimize start: dir=" + regex_escape(dir.path()) + " " + c.settings +
+                        "\n"
+                        "tm=\\d+ optimize finished: less than 2 tsidx files in dir, "
+                        "\\(rc=-30 errno=-?\\d+\\)\n"
+                        "tm=\\d+ exiting tarnix-optimize process with rc=-30\n");
+    EXPECT_TRUE(std::regex_match(r.err, expected)) << r.err;
+  }
+}
+
+TEST(OptimizeCli, LogStreamFollowsVerboseAndEnvironment) {
+  testutil::TempDir dir;
+  testutil::RunResult quiet = run_opt({"-d", dir.path()});
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.err, "");
+
+  // Set to anything, even the empty string, the variable turns logging on.
+  testutil::RunResult env_empty =
+      run_opt({"-d", dir.path()}, {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes", "LOG_TARNIX_OPTIMIZE="});
+  testutil::RunResult flag = run_opt({"-d", dir.path(), "-v"});
+  EXPECT_EQ(env_empty.status, 0);
+  auto strip_times = [](const std::string& s) {
+    return std::regex_replace(s, std::regex("tm=\\d+ "), "tm=T ");
+  };
+  EXPECT_NE(env_empty.err, "");
+  EXPECT_EQ(strip_times(env_empty.err), strip_times(flag.err));
+}
+
+TEST(OptimizeCli, FinalRunLeavesStatusFile) {
+  testutil::TempDir dir;
+  EXPECT_EQ(run_opt({"-d", dir.path()}).status, 0);
+  EXPECT_EQ(testutil::list_dir(dir.path()), std::vector<std::string>{});
+  EXPECT_EQ(run_opt({"-d", dir.path(), "--final"}).status, 0);
+  EXPECT_EQ(testutil::list_dir(dir.path()), std::vector<std::string>{"optimize.result"});
+  EXPECT_TRUE(testutil::read_file(dir.file("optimize.result")).empty());
+}
+
+}  // namespace
+}  // namespace tarnix

@@ -1,0 +1,127 @@
+#include "testutil/optimize_bucket.h"
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+
+#include "searchthing/fclex.h"
+#include "searchthing/tsidx.h"
+#include "searchthing/warmslice.h"
+#include "testutil/testutil.h"
+
+namespace testutil {
+
+std::string write_slice(const std::string& dir, const std::vector<event>& events) {
+  std::vector<std::string> before = tsidx_names(dir);
+  tarnix::tsidx* t = tarnix::st_tsidx_open(dir.c_str(), 0, 0, 0);
+  if (t == nullptr) return "";
+  bool ok = true;
+  for (const event& e : events) {
+    if (tarnix::st_tsidx_put(t, e.term.c_str(), static_cast<uint32_t>(e.term.size()), e.timestamp,
+                             e.address, e.address % 7, e.address % 5, e.address % 3,
+                             e.address % 11) != 0) {
+      ok = false;
+    }
+  }
+  if (tarnix::st_tsidx_sync(t) != 0) ok = false;
+  if (tarnix::st_tsidx_close(t) != 0) ok = false;
+  if (!ok) return "";
+  for (const std::string& name : tsidx_names(dir)) {
+    if (!std::binary_search(before.begin(), before.end(), name)) return name;
+  }
+  return "";
+}
+
+std::vector<event> make_events(uint32_t seed, uint32_t values, uint32_t first_address,
+                               int32_t base_ts) {
+  static const char* const vocabulary[] = {"error", "warn",  "info", "host=a", "host=b",
+                                           "user",  "login", "disk", "net",    "cpu"};
+  std::mt19937 rng(seed);
+  std::vector<event> events;
+  for (uint32_t v = 0; v < values; ++v) {
+    int32_t ts = base_ts + static_cast<int32_t>(rng() % (values + 1));
+    uint32_t address = first_address + v;
+    uint32_t nterms = 2 + rng() % 3;
+    uint32_t first = rng() % 10;
+    for (uint32_t k = 0; k < nterms; ++k) {
+      events.push_back(event{vocabulary[(first + k) % 10], ts, address});
+    }
+    // A term private to this value, so that lexicons differ between files.
+    events.push_back(event{"id" + std::to_string(address), ts, address});
+  }
+  return events;
+}
+
+namespace {
+
+struct term_list {
+  std::vector<std::pair<uint32_t, std::string>> terms;
+};
+
+uint32_t collect_term(uint32_t term_id, const char* term, uint32_t len, void* cookie) {
+  static_cast<term_list*>(cookie)->terms.emplace_back(term_id, std::string(term, len));
+  return 1;
+}
+
+}  // namespace
+
+bool read_postings(const std::string& path, std::vector<posting>* out) {
+  tarnix::wrc w{};
+  tarnix::warm* h = tarnix::st_warm_slice_open(path.c_str(), 0, &w);
+  if (h == nullptr) return false;
+  bool ok = true;
+  tarnix::tsval_reader values;
+  if (tarnix::_tsval_reader_open(&values, h, 0, nullptr) != 0) {
+    tarnix::st_warm_slice_close(h);
+    return false;
+  }
+  term_list terms;
+  tarnix::st_fclex_apply(h->lex, nullptr, collect_term, &terms, nullptr);
+  if (terms.terms.size() != tarnix::st_warm_slice_terms(h)) ok = false;
+  for (const auto& [term_id, term] : terms.terms) {
+    tarnix::plist_reader r;
+    if (tarnix::_init_reader(&r, h, 1024, nullptr) != 0) {
+      ok = false;
+      break;
+    }
+    if (tarnix::_seek_reader(&r, term_id) != 0) ok = false;
+    uint32_t id = 0;
+    while (ok) {
+      if (tarnix::_next(&r, &id) != 0) {
+        ok = false;
+        break;
+      }
+      if (id == tarnix::END_OF_LIST) break;
+      tarnix::tsval v;
+      if (tarnix::_tsval_reader_decode(&values, id, &v) != 0) {
+        ok = false;
+        break;
+      }
+      out->emplace_back(term, v.timestamp, v.event_address);
+    }
+    tarnix::close_plist_reader(&r);
+  }
+  tarnix::_tsval_reader_close(&values);
+  tarnix::st_warm_slice_close(h);
+  std::sort(out->begin(), out->end());
+  return ok;
+}
+
+std::vector<std::string> tsidx_names(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const std::string& name : list_dir(dir)) {
+    int32_t earliest, latest;
+    uint64_t id;
+    if (tarnix::st_tsidx_file_parse(name.c_str(), &earliest, &latest, &id) == 1) names.push_back(name);
+  }
+  return names;
+}
+
+std::vector<posting> postings_of(const std::vector<event>& events) {
+  std::vector<posting> out;
+  for (const event& e : events) out.emplace_back(e.term, e.timestamp, e.address);
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+}  // namespace testutil
