@@ -1,0 +1,714 @@
+#include "searchthing/tsidx.h"
+
+#include <errno.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "searchthing/hotslice.h"
+#include "searchthing/lock.h"
+#include "searchthing/warmslice.h"
+#include "testutil/bucket_reader.h"
+#include "testutil/testutil.h"
+
+using namespace tarnix;
+using testutil::TempDir;
+
+namespace {
+
+// Flushes take the need-optimize marker only; the walk test takes a lock.
+const int lock_text_ready = tarnix::st_init();
+
+struct TsidxCloser {
+  void operator()(tsidx* t) const { st_tsidx_close(t); }
+};
+using TsidxPtr = std::unique_ptr<tsidx, TsidxCloser>;
+
+TsidxPtr open_dir(const std::string& path, uint32_t flags = 0, int read_params = 0, uint32_t part_id = 0) {
+  return TsidxPtr(st_tsidx_open(path.c_str(), flags, read_params, part_id));
+}
+
+std::string text_of(const std::string& path) {
+  auto b = testutil::read_file(path);
+  return std::string(b.begin(), b.end());
+}
+
+std::vector<std::string> names_ending(const std::string& dir, const std::string& suffix) {
+  std::vector<std::string> out;
+  for (const auto& n : testutil::list_dir(dir)) {
+    if (n.size() >= suffix.size() && n.compare(n.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      out.push_back(n);
+    }
+  }
+  return out;
+}
+
+// Puts event e (address e, timestamp base + e) with terms "all", "e<e>" and
+// "mod<e % 3>".
+void put_event(tsidx* t, uint32_t e, int32_t base = 1000) {
+  std::string terms[] = {"all", "e" + std::to_string(e), "mod" + std::to_string(e % 3)};
+  for (const auto& term : terms) {
+    ASSERT_EQ(st_tsidx_put(t, term.c_str(), static_cast<uint32_t>(term.size()), base + static_cast<int32_t>(e),
+                           e, 1 + e % 4, 7, 2, e % 5),
+              0)
+        << e << " " << term;
+  }
+}
+
+// ---- Names --------------------------------------------------------------------
+
+TEST(TsidxNames, IndexFileGrammar) {
+  struct Case {
+    const char* name;
+    int ok;
+    int32_t latest, earliest;
+    uint64_t id;
+  } cases[] = {
+      {"100-50-7.tsidx", 1, 100, 50, 7},
+      {"-5--10-3.tsidx", 1, -5, -10, 3},
+      {"2147483647--2147483648-18446744073709551615.tsidx", 1, INT32_MAX, INT32_MIN, UINT64_MAX},
+      {"x.tsidx", 0, 0, 0, 0},
+      {"100-50.tsidx", 0, 0, 0, 0},
+      {"100-50-7.tsidx.tmp", 0, 0, 0, 0},
+      {"100-50-7.pre-tsidx", 0, 0, 0, 0},
+      {"100-50-7.0.1.part-tsidx", 0, 0, 0, 0},
+      {"100-50-7.tsidx.deleted", 0, 0, 0, 0},
+      {"100-50-7.tsidx.lock", 0, 0, 0, 0},
+      {".tsidx", 0, 0, 0, 0},
+      {"tsidx", 0, 0, 0, 0},
+      {"100-50-7x.tsidx", 0, 0, 0, 0},
+      {"2147483648-1-1.tsidx", 0, 0, 0, 0},
+      {"1-1-18446744073709551616.tsidx", 0, 0, 0, 0},
+      {"1-1--1.tsidx", 0, 0, 0, 0},
+      {"100:50:7.tsidx", 0, 0, 0, 0},
+      {"1:2:3-4:5:6-7.merge", 0, 0, 0, 0},
+      {"tarnix-autogen-params.dat", 0, 0, 0, 0},
+  };
+  for (const auto& c : cases) {
+    int32_t latest = -99, earliest = -99;
+    uint64_t id = 99;
+    EXPECT_EQ(st_tsidx_file_parse(c.name, &earliest, &latest, &id), c.ok) << c.name;
+    if (c.ok) {
+      EXPECT_EQ(latest, c.latest) << c.name;
+      EXPECT_EQ(earliest, c.earliest) << c.name;
+      EXPECT_EQ(id, c.id) << c.name;
+    } else {
+      EXPECT_EQ(latest, -99) << c.name;
+      EXPECT_EQ(id, 99u) << c.name;
+    }
+  }
+}
+
+TEST(TsidxNames, PartFilesBelongToTheirWriter) {
+  struct Case {
+    const char* name;
+    uint32_t part_id;
+    int ok;
+    uint32_t part;
+  } cases[] = {
+      {"100-50-7.3.9.part-tsidx", 9, 1, 3},
+      {"100-50-7.31.0.part-tsidx", 0, 1, 31},
+      {"100-50-7.3.9.part-tsidx", 8, 0, 0},
+      {"100-50-7.3.part-tsidx", 3, 0, 0},
+      {"100-50-7.tsidx", 0, 0, 0},
+      {"100-50.3.9.part-tsidx", 9, 0, 0},
+      {"100-50-7.3.9.part-tsidx.tmp", 9, 0, 0},
+  };
+  for (const auto& c : cases) {
+    int32_t latest = 0, earliest = 0;
+    uint64_t id = 0;
+    uint32_t part = 999;
+    EXPECT_EQ(st_tsidx_part_file_parse(c.name, c.part_id, &earliest, &latest, &id, &part), c.ok) << c.name;
+    if (c.ok) {
+      EXPECT_EQ(latest, 100);
+      EXPECT_EQ(earliest, 50);
+      EXPECT_EQ(id, 7u);
+      EXPECT_EQ(part, c.part);
+    }
+  }
+}
+
+TEST(TsidxNames, DeleteMarkers) {
+  struct Case {
+    const char* name;
+    int ok;
+  } cases[] = {
+      {"100-50-7.tsidx.deleted", 1}, {"-1--2-3.tsidx.deleted", 1}, {"100-50-7.deleted", 0},
+      {"100-50.tsidx.deleted", 0},   {"100-50-7.tsidx", 0},        {".tsidx.deleted", 0},
+  };
+  for (const auto& c : cases) {
+    int32_t latest = 0, earliest = 0;
+    uint64_t id = 0;
+    EXPECT_EQ(st_tsidx_deleted_file_parse(c.name, &earliest, &latest, &id), c.ok) << c.name;
+  }
+}
+
+TEST(TsidxNames, TimeFilterKeepsOverlappingFiles) {
+  struct Case {
+    int32_t lo, hi;
+    int ok;
+  } cases[] = {{0, 49, 0}, {0, 50, 1}, {50, 60, 1}, {100, 100, 1}, {101, 200, 0}, {INT_MIN, INT_MAX, 1}};
+  for (const auto& c : cases) {
+    int32_t latest = INT_MAX, earliest = INT_MIN;
+    uint64_t id = 0;
+    EXPECT_EQ(_tsidx_time_filter(nullptr, "100-50-7.tsidx", &latest, &earliest, &id, c.hi, c.lo), c.ok)
+        << c.lo << ".." << c.hi;
+  }
+  int32_t latest, earliest;
+  uint64_t id;
+  EXPECT_EQ(_tsidx_time_filter(nullptr, "x.tsidx", &latest, &earliest, &id, INT_MAX, INT_MIN), 0);
+  EXPECT_EQ(_tsidx_name_filter(nullptr, "100-50-7.tsidx", &latest, &earliest, &id, 0, 0), 1);
+}
+
+// ---- Handle and parameter file ---------------------------------------------------------
+
+TEST(TsidxHandle, OpenSetsDefaultsAndCopiesThePath) {
+  std::string p = "/no/such/dir";
+  TsidxPtr t = open_dir(p, ST_OPEN_STREAMING, 1, 4);
+  ASSERT_NE(t, nullptr);
+  p[1] = 'X';
+  EXPECT_STREQ(t->path, "/no/such/dir");
+  EXPECT_EQ(st_tsidx_max_terms(t.get()), 16384u);
+  EXPECT_EQ(st_tsidx_max_term_chars(t.get()), 16384u);
+  EXPECT_EQ(st_tsidx_max_postings(t.get()), 16384u);
+  EXPECT_EQ(st_tsidx_max_values(t.get()), 16384u);
+  EXPECT_EQ(st_tsidx_txn_per_sync(t.get()), 0u);
+  EXPECT_EQ(t->part_id, 4u);
+  EXPECT_EQ(t->open_flags, ST_OPEN_STREAMING);
+  EXPECT_EQ(t->hot_slice, nullptr);
+  st_tsidx_set_params(t.get(), 1, 2, 3, 4);
+  EXPECT_EQ(st_tsidx_max_terms(t.get()), 1u);
+  EXPECT_EQ(st_tsidx_max_term_chars(t.get()), 2u);
+  EXPECT_EQ(st_tsidx_max_postings(t.get()), 3u);
+  EXPECT_EQ(st_tsidx_max_values(t.get()), 4u);
+  st_tsidx_autotune(t.get(), 5000);
+  EXPECT_EQ(t->autotune, 1);
+  EXPECT_EQ(t->autotune_target, 5000u);
+  st_tsidx_autotune(t.get(), 0);
+  EXPECT_EQ(t->autotune, 0);
+  EXPECT_EQ(st_tsidx_close(t.release()), 0);
+}
+
+TEST(TsidxParams, FileCases) {
+  const std::string H = ST_PARAMS_HEADER;
+  struct Case {
+    const char* what;
+    bool present;
+    std::string text;
+    bool taken;
+    uint64_t v[5];
+  } cases[] = {
+      {"valid", true, H + "1|2|3|4|5|", true, {1, 2, 3, 4, 5}},
+      {"no final bar", true, H + "1|2|3|4|5", true, {1, 2, 3, 4, 5}},
+      {"large", true, H + "18446744073709551615|20|30|40|50|", true, {UINT64_MAX, 20, 30, 40, 50}},
+      {"empty field", true, H + "1|2||4|5|", false, {}},
+      {"four fields", true, H + "1|2|3|4|", false, {}},
+      {"four fields no bar", true, H + "1|2|3|4", false, {}},
+      {"letter", true, H + "1|2|3a|4|5|", false, {}},
+      {"trailing newline", true, H + "1|2|3|4|5|\n", false, {}},
+      {"extra field", true, H + "1|2|3|4|5|6|", false, {}},
+      {"space", true, H + " 1|2|3|4|5|", false, {}},
+      {"minus", true, H + "-1|2|3|4|5|", false, {}},
+      {"header only", true, H, false, {}},
+      {"header in lower case", true, "tarnix auto-generated file. do not modify.|1|2|3|4|5|", false, {}},
+      {"garbage", true, "\x01\x02garbage", false, {}},
+      {"empty", true, "", false, {}},
+      {"missing", false, "", false, {}},
+  };
+  for (const auto& c : cases) {
+    TempDir d;
+    if (c.present) {
+      testutil::write_file(d.file(ST_PARAMS_NAME), std::vector<uint8_t>(c.text.begin(), c.text.end()));
+    }
+    TsidxPtr t = open_dir(d.path(), 0, 1);
+    ASSERT_NE(t, nullptr);
+    uint64_t expect[5] = {16384, 16384, 16384, 16384, 0};
+    if (c.taken) std::copy(c.v, c.v + 5, expect);
+    EXPECT_EQ(st_tsidx_max_terms(t.get()), expect[0]) << c.what;
+    EXPECT_EQ(st_tsidx_max_term_chars(t.get()), expect[1]) << c.what;
+    EXPECT_EQ(st_tsidx_max_postings(t.get()), expect[2]) << c.what;
+    EXPECT_EQ(st_tsidx_max_values(t.get()), expect[3]) << c.what;
+    EXPECT_EQ(st_tsidx_txn_per_sync(t.get()), expect[4]) << c.what;
+    // Without read_params the file is not looked at.
+    TsidxPtr u = open_dir(d.path(), 0, 0);
+    EXPECT_EQ(st_tsidx_max_terms(u.get()), 16384u) << c.what;
+  }
+}
+
+TEST(TsidxParams, WrittenThroughATemporaryAndReadBack) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path(), 0, 0, 12);
+  st_tsidx_set_params(t.get(), 300, 40000, 50000, 6000);
+  t->txn_per_sync = 77;
+  EXPECT_EQ(serialize_params(t.get()), 0);
+  EXPECT_EQ(text_of(d.file(ST_PARAMS_NAME)),
+            "TARNIX AUTO-GENERATED FILE. DO NOT MODIFY.|300|40000|50000|6000|77|");
+  EXPECT_EQ(testutil::list_dir(d.path()), std::vector<std::string>{ST_PARAMS_NAME});
+  struct stat st;
+  ASSERT_EQ(stat(d.file(ST_PARAMS_NAME).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+  TsidxPtr u = open_dir(d.path(), 0, 1);
+  EXPECT_EQ(st_tsidx_max_terms(u.get()), 300u);
+  EXPECT_EQ(st_tsidx_max_term_chars(u.get()), 40000u);
+  EXPECT_EQ(st_tsidx_max_postings(u.get()), 50000u);
+  EXPECT_EQ(st_tsidx_max_values(u.get()), 6000u);
+  EXPECT_EQ(st_tsidx_txn_per_sync(u.get()), 77u);
+
+  // A temporary of the same writer still in place: nothing is replaced.
+  testutil::write_file(d.file(std::string(ST_PARAMS_NAME) + ".part.12"), {'x'});
+  t->txn_per_sync = 88;
+  EXPECT_EQ(serialize_params(t.get()), -1);
+  EXPECT_EQ(text_of(d.file(ST_PARAMS_NAME)),
+            "TARNIX AUTO-GENERATED FILE. DO NOT MODIFY.|300|40000|50000|6000|77|");
+}
+
+TEST(TsidxParams, CloseWritesThemOnlyWhenTransactionsAreKnown) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  EXPECT_EQ(st_tsidx_close(t.release()), 0);
+  EXPECT_TRUE(testutil::list_dir(d.path()).empty());
+
+  tsidx* u = st_tsidx_open(d.path().c_str(), 0, 0, 0);
+  u->txn_per_sync = 5;
+  u->txn_count = 9;
+  EXPECT_EQ(st_tsidx_close(u), 0);
+  EXPECT_EQ(text_of(d.file(ST_PARAMS_NAME)),
+            "TARNIX AUTO-GENERATED FILE. DO NOT MODIFY.|16384|16384|16384|16384|9|");
+  u = st_tsidx_open(d.path().c_str(), 0, 1, 0);
+  u->txn_count = 2;
+  EXPECT_EQ(st_tsidx_close(u), 0);
+  EXPECT_EQ(text_of(d.file(ST_PARAMS_NAME)),
+            "TARNIX AUTO-GENERATED FILE. DO NOT MODIFY.|16384|16384|16384|16384|9|");
+}
+
+// ---- Need-optimize marker -----------------------------------------------------------------
+
+TEST(TsidxMarker, SetClearAndIdempotence) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  std::string m = d.file(ST_NEED_OPTIMIZE_NAME);
+  EXPECT_EQ(st_tsidx_need_optimize(t.get()), 0);
+  EXPECT_EQ(st_tsidx_set_need_optimize(t.get()), 0);
+  EXPECT_EQ(st_tsidx_need_optimize(t.get()), 1);
+  struct stat st1, st2;
+  ASSERT_EQ(stat(m.c_str(), &st1), 0);
+  EXPECT_EQ(st1.st_size, 0);
+  EXPECT_EQ(st1.st_mode & 0777, 0600u);
+  EXPECT_EQ(st_tsidx_set_need_optimize(t.get()), 0);
+  ASSERT_EQ(stat(m.c_str(), &st2), 0);
+  EXPECT_EQ(st1.st_ino, st2.st_ino) << "an existing marker is left as it is";
+  EXPECT_EQ(st_tsidx_clear_need_optimize(t.get()), 0);
+  EXPECT_EQ(st_tsidx_need_optimize(t.get()), 0);
+  EXPECT_EQ(st_tsidx_clear_need_optimize(t.get()), -1);
+
+  TsidxPtr missing = open_dir(d.file("missing"));
+  EXPECT_EQ(st_tsidx_set_need_optimize(missing.get()), -1);
+  EXPECT_EQ(st_tsidx_need_optimize(missing.get()), 0);
+}
+
+// ---- Flush -------------------------------------------------------------------------------
+
+class TsidxFlush : public ::testing::TestWithParam<uint32_t> {};
+
+TEST_P(TsidxFlush, WritesOneIndexFileThatReopensWithTheSameContent) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path(), GetParam());
+  EXPECT_EQ(st_tsidx_sync(t.get()), 0) << "no slice yet: nothing to write";
+  for (uint32_t e = 1; e <= 40; ++e) put_event(t.get(), e);
+  ASSERT_NE(t->hot_slice, nullptr);
+  EXPECT_EQ(st_hot_slice_is_streaming(t->hot_slice), GetParam() == ST_OPEN_STREAMING);
+  ASSERT_EQ(st_tsidx_sync(t.get()), 0);
+  EXPECT_EQ(st_hot_slice_values(t->hot_slice), 0u) << "the slice is reset";
+  EXPECT_EQ(st_tsidx_sync(t.get()), 0) << "an empty slice writes nothing";
+
+  auto files = names_ending(d.path(), ".tsidx");
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_TRUE(names_ending(d.path(), ".pre-tsidx").empty());
+  EXPECT_EQ(st_tsidx_need_optimize(t.get()), 1);
+  int32_t latest, earliest;
+  uint64_t id;
+  ASSERT_EQ(st_tsidx_file_parse(files[0].c_str(), &earliest, &latest, &id), 1);
+  EXPECT_EQ(latest, 1040);
+  EXPECT_EQ(earliest, 1001);
+  struct stat st;
+  ASSERT_EQ(stat(d.file(files[0]).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+  testutil::IndexContent c = testutil::read_index_file(d.file(files[0]));
+  ASSERT_EQ(c.rc, 0);
+  ASSERT_EQ(c.problem, "");
+  ASSERT_EQ(c.values.size(), 40u);
+  for (uint32_t i = 0; i < 40; ++i) {
+    uint32_t e = 40 - i;   // latest first
+    EXPECT_EQ(c.values[i].event_address, e);
+    EXPECT_EQ(c.values[i].timestamp, 1000 + static_cast<int32_t>(e));
+    EXPECT_EQ(c.values[i].event_type, 1 + e % 4);
+    EXPECT_EQ(c.values[i].source, 7u);
+    EXPECT_EQ(c.values[i].source_type, 2u);
+    EXPECT_EQ(c.values[i].host, e % 5);
+  }
+  EXPECT_EQ(c.postings.size(), 40u + 1 + 3);
+  EXPECT_EQ(c.postings["all"].size(), 40u);
+  EXPECT_EQ(c.postings["e7"], std::vector<uint32_t>{33});
+  EXPECT_EQ(c.postings["mod0"].size(), 13u);
+  EXPECT_EQ(c.metadata["mod1"].count, 14u);
+  EXPECT_EQ(c.metadata["mod1"].earliest, 1001);
+  EXPECT_EQ(c.metadata["mod1"].latest, 1040);
+  EXPECT_EQ(c.num_postings, 120u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, TsidxFlush, ::testing::Values(0u, ST_OPEN_STREAMING));
+
+TEST(TsidxFlushPart, CounterAbove31WritesNothing) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path(), 0, 0, 6);
+  for (uint32_t e = 1; e <= 5; ++e) put_event(t.get(), e);
+  EXPECT_EQ(_st_tsidx_sync_part(t.get(), 32), 0);
+  EXPECT_EQ(_st_tsidx_sync_part(t.get(), 1000), 0);
+  EXPECT_TRUE(testutil::list_dir(d.path()).empty());
+  EXPECT_EQ(st_hot_slice_values(t->hot_slice), 5u) << "the slice keeps its events";
+
+  EXPECT_EQ(_st_tsidx_sync_part(t.get(), 31), 0);
+  auto parts = names_ending(d.path(), ".part-tsidx");
+  ASSERT_EQ(parts.size(), 1u);
+  int32_t latest, earliest;
+  uint64_t id;
+  uint32_t part;
+  ASSERT_EQ(st_tsidx_part_file_parse(parts[0].c_str(), 6, &earliest, &latest, &id, &part), 1)
+      << parts[0];
+  EXPECT_EQ(part, 31u);
+  EXPECT_EQ(latest, 1005);
+  EXPECT_EQ(earliest, 1001);
+  EXPECT_TRUE(names_ending(d.path(), ".tsidx").empty()) << "part files are not moved";
+  EXPECT_EQ(testutil::read_index_file(d.file(parts[0])).values.size(), 5u);
+
+  // The walk with the part filter finds this writer's part file only.
+  testutil::write_file(d.file("1-1-1.3.7.part-tsidx"), {});
+  int seen = 0;
+  auto count = [](tsidx*, warm*, int32_t, int32_t, void* ctx, const char*, uint64_t) {
+    ++*static_cast<int*>(ctx);
+    return 0;
+  };
+  EXPECT_EQ(_st_tsidx_apply(t.get(), INT_MIN, INT_MAX, count, &seen, 0, _tsidx_part_filter), 1);
+  EXPECT_EQ(seen, 1);
+}
+
+TEST(TsidxFlushFailure, MissingDirectoryResetsTheSlice) {
+  TempDir d;
+  std::string gone = d.file("bucket");
+  ASSERT_EQ(mkdir(gone.c_str(), 0700), 0);
+  TsidxPtr t = open_dir(gone);
+  for (uint32_t e = 1; e <= 5; ++e) put_event(t.get(), e);
+  ASSERT_EQ(rmdir(gone.c_str()), 0);
+  EXPECT_EQ(st_tsidx_sync(t.get()), -6);
+  EXPECT_EQ(st_tsidx_warm_rc(t.get()), WS_EOPEN);
+  EXPECT_EQ(st_hot_slice_values(t->hot_slice), 0u);
+  EXPECT_EQ(st_tsidx_close(t.release()), 0) << "nothing left to flush";
+}
+
+TEST(TsidxFlushFailure, CloseReportsTheFlush) {
+  TempDir d;
+  std::string gone = d.file("bucket");
+  ASSERT_EQ(mkdir(gone.c_str(), 0700), 0);
+  tsidx* t = st_tsidx_open(gone.c_str(), 0, 0, 0);
+  put_event(t, 1);
+  ASSERT_EQ(rmdir(gone.c_str()), 0);
+  EXPECT_EQ(st_tsidx_close(t), -6);
+}
+
+// The move into place, with a scripted link.
+struct MoveScript {
+  std::vector<int> results;   // per call; the last repeats
+  size_t calls = 0;
+  std::vector<uint32_t> sleeps;
+  std::vector<std::string> targets;
+};
+MoveScript* script = nullptr;
+
+int scripted_move(const char*, const char* to, FILE*) {
+  script->targets.emplace_back(to);
+  size_t i = std::min(script->calls, script->results.size() - 1);
+  ++script->calls;
+  return script->results[i];
+}
+void recorded_sleep(uint32_t ms) { script->sleeps.push_back(ms); }
+
+TEST(TsidxMove, OnlyResourceShortagesAreRetried) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  put_event(t.get(), 3, 2000);
+  ASSERT_EQ(_st_tsidx_sync_part(t.get(), 0), 0);   // a file to take names from
+  auto parts = names_ending(d.path(), ".part-tsidx");
+  ASSERT_EQ(parts.size(), 1u);
+  wrc rc{};
+  warm* w = st_warm_slice_open(d.file(parts[0]).c_str(), 0, &rc);
+  ASSERT_NE(w, nullptr);
+
+  struct Case {
+    std::vector<int> results;
+    int expect;
+    size_t calls;
+    std::vector<uint32_t> sleeps;
+  } cases[] = {
+      {{0}, 0, 1, {}},
+      {{ENOMEM, EMFILE, ENFILE, 0}, 0, 4, {1, 2, 4}},
+      {{EEXIST}, EEXIST, 1, {}},
+      {{ENOMEM, EXDEV}, EXDEV, 2, {1}},
+      {{69}, 69, 1, {}},
+  };
+  for (const auto& c : cases) {
+    MoveScript s;
+    s.results = c.results;
+    script = &s;
+    char to[PATH_BUF_SZ];
+    EXPECT_EQ(_st_tsidx_move_into_place("from", to, d.path().c_str(), w, scripted_move, recorded_sleep),
+              c.expect);
+    EXPECT_EQ(s.calls, c.calls);
+    EXPECT_EQ(s.sleeps, c.sleeps);
+    for (const auto& target : s.targets) {
+      std::string name = target.substr(d.path().size() + 1);
+      int32_t latest, earliest;
+      uint64_t id;
+      EXPECT_EQ(st_tsidx_file_parse(name.c_str(), &earliest, &latest, &id), 1) << target;
+      EXPECT_EQ(latest, 2003);
+      EXPECT_EQ(earliest, 2003);
+    }
+  }
+
+  // Always short of descriptors: 61 attempts, 60 sleeps doubling from 1 ms
+  // to the 1000 ms ceiling, each attempt under a fresh name.
+  MoveScript s;
+  s.results = {EMFILE};
+  script = &s;
+  char to[PATH_BUF_SZ];
+  EXPECT_EQ(_st_tsidx_move_into_place("from", to, d.path().c_str(), w, scripted_move, recorded_sleep),
+            EMFILE);
+  EXPECT_EQ(s.calls, 61u);
+  ASSERT_EQ(s.sleeps.size(), 60u);
+  std::vector<uint32_t> expect_sleeps;
+  for (uint32_t ms = 1, i = 0; i < 60; ++i, ms = std::min(ms * 2, 1000u)) expect_sleeps.push_back(ms);
+  EXPECT_EQ(s.sleeps, expect_sleeps);
+  EXPECT_EQ(s.sleeps[9], 512u);
+  EXPECT_EQ(s.sleeps[10], 1000u);
+  std::sort(s.targets.begin(), s.targets.end());
+  EXPECT_EQ(std::unique(s.targets.begin(), s.targets.end()), s.targets.end());
+  script = nullptr;
+  st_warm_slice_close(w);
+}
+
+// ---- Puts ----------------------------------------------------------------------------------
+
+TEST(TsidxPut, FullSliceIsFlushedAndThePutRetried) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  st_tsidx_set_params(t.get(), 300, 1 << 20, 1 << 20, 16);
+  for (uint32_t e = 1; e <= 100; ++e) put_event(t.get(), e);
+  ASSERT_EQ(st_tsidx_sync(t.get()), 0);
+  EXPECT_GT(t->full_count, 0u);
+  EXPECT_EQ(t->full_reasons[1], t->full_count) << "values were what ran out";
+  testutil::BucketContent b = testutil::read_bucket(d.path());
+  EXPECT_TRUE(b.problems.empty()) << b.problems[0];
+  EXPECT_GE(b.files, 7);
+  EXPECT_EQ(b.index.events.size(), 100u);
+  EXPECT_EQ(b.index.term_addresses["all"].size(), 100u);
+  EXPECT_EQ(b.index.term_addresses["mod2"].size(), 33u);
+}
+
+TEST(TsidxPut, ProbeFlushesASliceBeyondSevenEighths) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  st_tsidx_set_params(t.get(), 300, 1 << 20, 1 << 20, 16);
+  for (uint32_t e = 1; e <= 14; ++e) put_event(t.get(), e);
+  EXPECT_EQ(st_tsidx_put(t.get(), "", 0, 0, 0, 0, 0, 0, 0), 0);
+  EXPECT_EQ(names_ending(d.path(), ".tsidx").size(), 0u) << "14 of 16 is 7/8: still room";
+  put_event(t.get(), 15);
+  EXPECT_EQ(st_tsidx_put(t.get(), "", 0, 0, 0, 0, 0, 0, 0), 0);
+  EXPECT_EQ(names_ending(d.path(), ".tsidx").size(), 1u);
+  EXPECT_EQ(st_hot_slice_values(t->hot_slice), 0u);
+}
+
+TEST(TsidxPut, TermWithANulIsRefusedWithoutAFlush) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  put_event(t.get(), 1);
+  EXPECT_EQ(st_tsidx_put(t.get(), "a\0b", 3, 5, 9, 0, 0, 0, 0), -5);
+  EXPECT_EQ(t->full_count, 0u);
+  EXPECT_TRUE(testutil::list_dir(d.path()).empty());
+}
+
+TEST(TsidxPut, OddOrSmallTermLimitsStillMakeASlice) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  st_tsidx_set_params(t.get(), 7, 4096, 64, 64);
+  put_event(t.get(), 1);
+  ASSERT_NE(t->hot_slice, nullptr);
+  EXPECT_EQ(t->hot_slice->term_capacity, 258u);
+  TsidxPtr u = open_dir(d.path());
+  st_tsidx_set_params(u.get(), 1001, 4096, 64, 64);
+  put_event(u.get(), 1);
+  EXPECT_EQ(u->hot_slice->term_capacity, 1002u);
+}
+
+TEST(TsidxAutotune, LimitsFollowTheTarget) {
+  // Ratio 2: target 2000 for an estimated 1000 bytes.
+  tsidx_limits l = _st_tsidx_autotuned_limits(2000, 1000, 100, 3, 10, 7);
+  EXPECT_DOUBLE_EQ(l.ratio, 2.0);
+  EXPECT_EQ(l.max_term_chars, 200u + 1048576);
+  EXPECT_EQ(l.max_terms, 6u + 65536);
+  EXPECT_EQ(l.max_postings, 20u + 1048576);
+  EXPECT_EQ(l.max_values, 14u + 32768);
+  // Ratio 1 with odd results: made even by adding one.
+  l = _st_tsidx_autotuned_limits(1000, 1000, 5, 3, 5, 1);
+  EXPECT_EQ(l.max_terms, 65540u);
+  EXPECT_EQ(l.max_values, 32770u);
+  EXPECT_EQ(l.max_term_chars, 1048581u) << "term characters are not made even";
+  // Truncation: 1.5 * 3 = 4.5.
+  l = _st_tsidx_autotuned_limits(3000, 2000, 3, 3, 3, 3);
+  EXPECT_EQ(l.max_term_chars, 1048580u);
+  EXPECT_EQ(l.max_terms, 65540u);
+  // The slice's own maxima cap postings and values.
+  l = _st_tsidx_autotuned_limits(4000000000000ull, 1000, 1, 1, 4000000000ull, 4000000000ull);
+  EXPECT_EQ(l.max_postings, 0xFFFFFFFFu);
+  EXPECT_EQ(l.max_values, 0x100000000ull);
+}
+
+TEST(TsidxAutotune, AFullSliceRescalesTheHandle) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  st_tsidx_set_params(t.get(), 300, 1 << 20, 1 << 20, 16);
+  st_tsidx_autotune(t.get(), 1 << 20);
+  for (uint32_t e = 1; e <= 17; ++e) put_event(t.get(), e);
+  EXPECT_EQ(t->full_count, 1u);
+  EXPECT_EQ(t->full_reasons[1], 1u);
+  EXPECT_GT(st_tsidx_max_values(t.get()), 32768u);
+  EXPECT_EQ(st_tsidx_max_values(t.get()) % 2, 0u);
+  EXPECT_EQ(st_tsidx_max_terms(t.get()) % 2, 0u);
+  ASSERT_NE(t->hot_slice, nullptr);
+  EXPECT_EQ(t->hot_slice->value_capacity, st_tsidx_max_values(t.get())) << "the next slice uses them";
+  ASSERT_EQ(st_tsidx_sync(t.get()), 0);
+  EXPECT_EQ(testutil::read_bucket(d.path()).index.events.size(), 17u);
+}
+
+TEST(TsidxNoteFull, CountsReasonsAndTransactions) {
+  tsidx* t = st_tsidx_open("/nowhere", 0, 0, 0);
+  t->txn_count = 12;
+  _st_tsidx_note_full(t, -3);
+  _st_tsidx_note_full(t, -3);
+  _st_tsidx_note_full(t, -4);
+  _st_tsidx_note_full(t, -1);
+  EXPECT_EQ(t->full_count, 4u);
+  EXPECT_EQ(t->full_reasons[0], 1u);
+  EXPECT_EQ(t->full_reasons[1], 0u);
+  EXPECT_EQ(t->full_reasons[2], 2u);
+  EXPECT_EQ(t->full_reasons[3], 1u);
+  EXPECT_EQ(t->txn_per_sync, 12u);
+  EXPECT_EQ(t->txn_count, 0u);
+  t->txn_per_sync = 0;   // keep close from writing into /nowhere
+  EXPECT_EQ(st_tsidx_close(t), 0);
+}
+
+// ---- Walk --------------------------------------------------------------------------------
+
+struct Seen {
+  std::vector<std::string> paths;
+  std::vector<int32_t> latest, earliest;
+  std::vector<uint32_t> values;
+  int stop_after = -1;
+};
+
+int record(tsidx*, warm* w, int32_t latest, int32_t earliest, void* ctx, const char* path, uint64_t) {
+  auto* s = static_cast<Seen*>(ctx);
+  if (s->stop_after >= 0 && static_cast<int>(s->latest.size()) >= s->stop_after) return -77;
+  s->paths.emplace_back(path != nullptr ? path : "");
+  s->latest.push_back(latest);
+  s->earliest.push_back(earliest);
+  s->values.push_back(w != nullptr ? st_warm_slice_values(w) : 0);
+  return 0;
+}
+
+TEST(TsidxWalk, WithAndWithoutOpenIndexFiles) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  for (uint32_t e = 1; e <= 3; ++e) put_event(t.get(), e, 100);
+  ASSERT_EQ(st_tsidx_sync(t.get()), 0);
+  for (uint32_t e = 1; e <= 5; ++e) put_event(t.get(), e, 200);
+  ASSERT_EQ(st_tsidx_sync(t.get()), 0);
+  testutil::write_file(d.file("7-7-7.tsidx"), {});                     // cannot be opened
+  testutil::write_file(d.file("8-8-8.tsidx"), {'j', 'u', 'n', 'k'});    // not an index file
+  testutil::write_file(d.file("x.tsidx"), {});
+  testutil::write_file(d.file("100-50.tsidx"), {});
+  ASSERT_EQ(st_lock(d.file("7-7-7.tsidx").c_str()), 0);   // its ".lock" is no index file
+
+  // Names only: every accepted name, with its path and the name's times.
+  Seen names;
+  EXPECT_EQ(_st_tsidx_apply(t.get(), INT_MIN, INT_MAX, record, &names, 0, _tsidx_name_filter), 4);
+  EXPECT_EQ(names.paths.size(), 4u);
+  for (const auto& p : names.paths) EXPECT_EQ(p.rfind(d.path() + "/", 0), 0u) << p;
+  EXPECT_EQ(std::count(names.values.begin(), names.values.end(), 0u), 4);
+
+  // Open index files: the two real ones, no path, times from the files.
+  Seen warm_seen;
+  EXPECT_EQ(st_tsidx_apply(t.get(), INT_MIN, INT_MAX, record, &warm_seen), 2);
+  ASSERT_EQ(warm_seen.values.size(), 2u);
+  for (const auto& p : warm_seen.paths) EXPECT_EQ(p, "");
+  std::vector<uint32_t> counts = warm_seen.values;
+  std::sort(counts.begin(), counts.end());
+  EXPECT_EQ(counts, (std::vector<uint32_t>{3, 5}));
+  for (size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(warm_seen.latest[i], warm_seen.values[i] == 3 ? 103 : 205);
+    EXPECT_EQ(warm_seen.earliest[i], warm_seen.values[i] == 3 ? 101 : 201);
+  }
+
+  // The time filter: only the later file overlaps [150, 300].
+  Seen later;
+  EXPECT_EQ(st_tsidx_apply(t.get(), 150, 300, record, &later), 1);
+  EXPECT_EQ(later.values, std::vector<uint32_t>{5});
+
+  // A negative result stops the walk and is returned, in both forms.
+  Seen stop;
+  stop.stop_after = 1;
+  EXPECT_EQ(st_tsidx_apply(t.get(), INT_MIN, INT_MAX, record, &stop), -77);
+  Seen stop_names;
+  stop_names.stop_after = 2;
+  EXPECT_EQ(_st_tsidx_apply(t.get(), INT_MIN, INT_MAX, record, &stop_names, 0, _tsidx_name_filter), -77);
+  EXPECT_EQ(stop_names.paths.size(), 2u);
+
+  // Without a filter every entry is visited, "." and ".." included.
+  Seen all;
+  int n = _st_tsidx_apply(t.get(), INT_MIN, INT_MAX, record, &all, 0, nullptr);
+  EXPECT_EQ(n, static_cast<int>(testutil::list_dir(d.path()).size()) + 2);
+  EXPECT_EQ(std::count(all.paths.begin(), all.paths.end(), d.path() + "/."), 1);
+
+  TsidxPtr missing = open_dir(d.file("missing"));
+  EXPECT_EQ(st_tsidx_apply(missing.get(), INT_MIN, INT_MAX, record, &all), -1);
+  EXPECT_EQ(_st_tsidx_apply(missing.get(), INT_MIN, INT_MAX, record, &all, 0, nullptr), -1);
+  EXPECT_EQ(st_unlock(d.file("7-7-7.tsidx").c_str()), 0);
+}
+
+TEST(TsidxWalk, ManyFilesGrowTheDescriptorList) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  for (uint32_t f = 0; f < 300; ++f) {
+    put_event(t.get(), f, 10);
+    ASSERT_EQ(st_tsidx_sync(t.get()), 0);
+  }
+  Seen s;
+  EXPECT_EQ(st_tsidx_apply(t.get(), INT_MIN, INT_MAX, record, &s), 300);
+}
+
+TEST(TsidxWalkDeathTest, OpenFilesNeedAFilter) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  testutil::write_file(d.file("a"), {});
+  Seen s;
+  EXPECT_DEATH(_st_tsidx_apply(t.get(), 0, 0, record, &s, 1, nullptr), "!pass_warm");
+}
+
+}  // namespace
