@@ -1,0 +1,815 @@
+// Crash reports: each crash runs in a forked child that installs the handlers
+// and dies; the parent checks how it died and reads the report it left.
+// The writer, the line formatting and the file copy are checked in-process.
+#include "libzero/create-crash-dump.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gnu/libc-version.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "testutil/testutil.h"
+
+namespace {
+
+using namespace tarnix;
+using testutil::TempDir;
+
+const std::string MSG_50K = "Crash log write attempted over the limit of (50kB), skipping.\n";
+const std::string MSG_512K = "Crash log has overflowed the allowed limit (512kB), truncated.\n";
+const std::string MSG_NOTATIONS =
+    "Max crashlog notation count exceeded (1024), probably linked list of notations corrupted. "
+    "breaking out.\n";
+const std::string STDERR_HEADER =
+    " Last few lines of stderr (may contain info on assertion failure, but also could be old):\n";
+
+// Child exit codes that are not deaths by signal.
+constexpr int CHILD_NOT_INSTALLED = 77;  // the handler could not be installed
+constexpr int CHILD_SURVIVED = 99;       // the crash did not end the process
+
+std::string slurp(const std::string& path) {
+  auto bytes = testutil::read_file(path);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+void put_file(const std::string& path, const std::string& text) {
+  testutil::write_file(path, std::vector<uint8_t>(text.begin(), text.end()));
+}
+
+std::vector<std::string> crash_files(const std::string& dir) {
+  std::vector<std::string> out;
+  for (const auto& n : testutil::list_dir(dir)) {
+    if (n.rfind("crash-", 0) == 0 && n.size() > 4 && n.substr(n.size() - 4) == ".log") out.push_back(n);
+  }
+  return out;
+}
+
+std::string local_stamp(time_t t, const char* fmt) {
+  struct tm tm;
+  localtime_r(&t, &tm);
+  char buf[64];
+  strftime(buf, sizeof(buf), fmt, &tm);
+  return buf;
+}
+
+// ---- Crashes ----------------------------------------------------------------
+// Kept out of line and away from the sanitizers, so that the fault really is
+// the one named.
+
+__attribute__((noipa, no_sanitize("undefined"))) void crash_null_write() {
+  volatile int* volatile p = nullptr;
+  *p = 1;
+}
+
+__attribute__((noipa, no_sanitize("undefined"))) int crash_divide_by_zero() {
+  volatile int zero = 0;
+  volatile int n = 7;
+  return n / zero;
+}
+
+__attribute__((noipa)) void crash_trap() { __builtin_trap(); }
+
+// Reads a mapped page that lies beyond the end of a (truncated) file.
+__attribute__((noipa)) int crash_bus(const std::string& path) {
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+  if (fd < 0 || ftruncate(fd, 8192) != 0) return -1;
+  void* m = mmap(nullptr, 8192, PROT_READ, MAP_SHARED, fd, 0);
+  if (m == MAP_FAILED || ftruncate(fd, 0) != 0) return -1;
+  volatile const char* p = static_cast<const char*>(m);
+  return p[4096];
+}
+
+// ---- Running a crashing child ---------------------------------------------
+
+struct death {
+  bool signaled;
+  int sig;     // when signaled
+  int status;  // exit status otherwise
+  pid_t pid;
+};
+
+bool handler_installed(int sig) {
+  struct sigaction sa;
+  if (sigaction(sig, nullptr, &sa) != 0) return false;
+  // Only our handler asks for SA_RESETHAND; a sanitizer runtime that keeps
+  // its own handler does not.
+  return (sa.sa_flags & SA_SIGINFO) != 0 && (sa.sa_flags & SA_RESETHAND) != 0;
+}
+
+// In the child: no core dump, then `setup` (which installs the handler and
+// returns the signal it will die of), then `crash`.
+death run_child(const std::function<int()>& setup, const std::function<void()>& crash) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    struct rlimit no_core = {0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    int sig = setup();
+    if (sig <= 0 || !handler_installed(sig)) _exit(CHILD_NOT_INSTALLED);
+    crash();
+    _exit(CHILD_SURVIVED);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  death d{};
+  d.pid = pid;
+  d.signaled = WIFSIGNALED(status);
+  d.sig = d.signaled ? WTERMSIG(status) : 0;
+  d.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return d;
+}
+
+#define SKIP_IF_NOT_INSTALLED(d)                                                                \
+  do {                                                                                          \
+    if (!(d).signaled && (d).status == CHILD_NOT_INSTALLED)                                     \
+      GTEST_SKIP() << "the crash handler cannot be installed in this build (a sanitizer runtime " \
+                      "keeps the fatal signals); run with ASAN_OPTIONS=handle_segv=0:...";     \
+  } while (0)
+
+// Checks that the pieces occur in this order; reports the first one missing.
+void expect_in_order(const std::string& text, const std::vector<std::string>& pieces) {
+  size_t pos = 0;
+  for (const auto& p : pieces) {
+    size_t at = text.find(p, pos);
+    ASSERT_NE(at, std::string::npos) << "missing (in order): [" << p << "]\nreport:\n" << text;
+    pos = at + p.size();
+  }
+}
+
+// The one report in dir; empty when there is none or more than one.
+std::string the_report(const std::string& dir, std::string* name = nullptr) {
+  auto files = crash_files(dir);
+  EXPECT_EQ(files.size(), 1u) << "reports in " << dir;
+  if (files.size() != 1) return "";
+  if (name != nullptr) *name = files[0];
+  return slurp(dir + "/" + files[0]);
+}
+
+std::string expected_uname_line() {
+  struct utsname u;
+  uname(&u);
+  return std::string(" ") + u.sysname + " / " + u.nodename + " / " + u.release + " / " + u.version +
+         " / " + u.machine + "\n";
+}
+
+// The release-file section this machine should give, or "" when there is none.
+std::string expected_release_section() {
+  static const char* const files[] = {"/etc/fedora-release",    "/etc/redhat-release",
+                                      "/etc/debian_version",    "/etc/SuSE-release",
+                                      "/etc/slackware-version", "/etc/gentoo-release",
+                                      "/etc/mandrake-release"};
+  for (const char* f : files) {
+    int fd = open(f, O_RDONLY);
+    if (fd < 0) continue;
+    close(fd);
+    std::string body = slurp(f);
+    if (body.size() > 1000) body = body.substr(0, 1000) + "<truncating output>";
+    return std::string(" ") + f + ": " + body + "\n";
+  }
+  return "";
+}
+
+// ---- The common shape of every report -------------------------------------
+
+void check_common_sections(const std::string& r, int sig, time_t before, time_t after,
+                           const std::string& name) {
+  // Build line: the build number and the local time, which is also the name.
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(
+      r, m, std::regex(R"(\[build (\d+)\] (\d{4}-\d\d-\d\d) (\d\d:\d\d:\d\d)\n)")));
+  EXPECT_EQ(m[1].str(), std::to_string(CRASH_LOG_BUILD_NUMBER));
+  EXPECT_EQ(name, "crash-" + m[2].str() + "-" + m[3].str() + ".log");
+  bool in_window = false;
+  for (time_t t = before; t <= after; ++t) {
+    if (local_stamp(t, "%Y-%m-%d %H:%M:%S") == m[2].str() + " " + m[3].str()) in_window = true;
+  }
+  EXPECT_TRUE(in_window) << "build line time " << m[2] << " " << m[3] << " is not the local time";
+
+  expect_in_order(r, {"Received fatal signal " + std::to_string(sig) + " (" + strsignal(sig) + ").\n",
+                      " Cause:\n   "});
+  EXPECT_EQ(r.find("siginfo has different signal number"), std::string::npos);
+
+#ifdef __x86_64__
+  EXPECT_TRUE(std::regex_search(
+      r, std::regex(R"( Registers:\n    RIP:  \[0x[0-9A-F]{16}\]( \?| \S+ \+ \d+)\n)")))
+      << r;
+  std::string regs = R"(    RDI:  \[0x[0-9A-F]{16}\]\n)";
+  for (const char* reg : {"RSI", "RBP", "RSP", "RAX", "RBX", "RCX", "RDX", "R8", "R9", "R10", "R11",
+                          "R12", "R13", "R14", "R15", "EFL", "TRAPNO", "ERR", "CSGSFS", "OLDMASK"}) {
+    regs += std::string("    ") + reg + R"(:  \[0x[0-9A-F]{16}\]\n)";
+  }
+  EXPECT_TRUE(std::regex_search(r, std::regex(regs + R"(\n OS: Linux\n Arch: x86-64\n\n Backtrace:\n)")))
+      << r;
+#endif
+  // At least one frame after the backtrace header, each in the frame form.
+  EXPECT_TRUE(std::regex_search(
+      r, std::regex(R"( Backtrace:\n(  \[0x[0-9A-F]{16}\]( \?| \S+ \+ \d+)\n)+ )")))
+      << r;
+
+  std::string tail = expected_release_section();
+  std::vector<std::string> order = {" Backtrace:\n", expected_uname_line()};
+  if (!tail.empty()) order.push_back(tail);
+  if (access("/lib64/libc.so.6", F_OK) == 0) {
+    order.push_back(std::string(" glibc version: ") + gnu_get_libc_version() + "\n");
+    order.push_back(std::string(" glibc release: ") + gnu_get_libc_release() + "\n");
+  } else {
+    EXPECT_EQ(r.find(" glibc version: "), std::string::npos);
+  }
+  order.push_back("Last errno: ");
+  order.push_back("\nx86 CPUID registers:\n         0: ");
+  order.push_back("\n  80000000: ");
+  expect_in_order(r, order);
+  EXPECT_TRUE(std::regex_search(r, std::regex(R"(\n         1: [0-9A-F]{8} [0-9A-F]{8} [0-9A-F]{8} [0-9A-F]{8}\n)")));
+
+  const std::string last = "terminating...\n";
+  ASSERT_GE(r.size(), last.size());
+  EXPECT_EQ(r.substr(r.size() - last.size()), last);
+}
+
+// ---- One case per fatal signal ----------------------------------------------
+
+struct crash_case {
+  const char* label;
+  int sig;
+  std::function<void(const std::string& dir)> crash;
+  std::string cause;  // regular expression for the cause line
+  bool has_map;
+};
+
+TEST(CrashLog, EachFatalSignalLeavesOneCompleteReport) {
+  const std::vector<crash_case> cases = {
+      {"null write", SIGSEGV, [](const std::string&) { crash_null_write(); },
+       R"(   No memory mapped at address \[0x0000000000000000\]\.\n)", true},
+      {"page past end of file", SIGBUS, [](const std::string& d) { crash_bus(d + "/bus.dat"); },
+       R"(   Non-existent accessed physical address at address \[0x[0-9A-F]{16}\]\.\n)", true},
+      {"division by zero", SIGFPE, [](const std::string&) { crash_divide_by_zero(); },
+       R"(   Integer division by zero at address \[0x[0-9A-F]{16}\]\.\n)", false},
+      // The kernel decides the code of ud2 (an illegal opcode or operand).
+      {"trap instruction", SIGILL, [](const std::string&) { crash_trap(); },
+       R"(   Illegal (opcode|operand for opcode) at address \[0x[0-9A-F]{16}\]\.\n)", false},
+      {"abort", SIGABRT, [](const std::string&) { abort(); },
+       R"(   Signal sent by PID PID running under UID UID\.\n)", false},
+      // A sent SIGSEGV does not repeat: the handler raises it again.
+      {"SIGSEGV by kill", SIGSEGV, [](const std::string&) { kill(getpid(), SIGSEGV); },
+       R"(   Signal sent by PID PID running under UID UID\.\n)", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    TempDir tmp;
+    time_t before = time(nullptr);
+    death d = run_child(
+        [&] {
+          if (crash_log_creator_init(tmp.path().c_str()) != 0) return -1;
+          errno = EDOM;
+          return c.sig;
+        },
+        [&] {
+          errno = EDOM;
+          c.crash(tmp.path());
+        });
+    time_t after = time(nullptr);
+    SKIP_IF_NOT_INSTALLED(d);
+    ASSERT_TRUE(d.signaled) << "exit status " << d.status;
+    EXPECT_EQ(d.sig, c.sig);
+
+    std::string name;
+    std::string r = the_report(tmp.path(), &name);
+    ASSERT_FALSE(r.empty());
+    struct stat st;
+    ASSERT_EQ(stat((tmp.path() + "/" + name).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    check_common_sections(r, c.sig, before, after, name);
+    std::string cause = std::regex_replace(c.cause, std::regex("PID PID"), "PID " + std::to_string(d.pid));
+    cause = std::regex_replace(cause, std::regex("UID UID"), "UID " + std::to_string(getuid()));
+    EXPECT_TRUE(std::regex_search(r, std::regex(" Cause:\n" + cause + " Registers:\n"))) << r;
+
+    EXPECT_EQ(r.find(" MAP: ") != std::string::npos, c.has_map);
+    if (c.has_map) {
+      // The memory map lies between the system facts and the saved errno.
+      expect_in_order(r, {expected_uname_line(), "\n MAP: ", "\nLast errno: "});
+      EXPECT_TRUE(std::regex_search(r, std::regex(R"(\n MAP: [0-9a-f]+-[0-9a-f]+ r)")));
+    }
+    // No stderr file was registered.
+    EXPECT_EQ(r.find(STDERR_HEADER), std::string::npos);
+    // Nothing optional was registered either.
+    EXPECT_EQ(r.find("Crashing thread"), std::string::npos);
+    EXPECT_EQ(r.find("Threads running"), std::string::npos);
+    // The saved errno is the one before the signal.
+    expect_in_order(r, {"Last errno: " + std::to_string(EDOM) + "\n\nx86 CPUID registers:\n"});
+  }
+}
+
+// ---- Where the report goes --------------------------------------------------
+
+TEST(CrashLog, ReportDirectoryFollowsTarnixHome) {
+  struct where_case {
+    const char* label;
+    bool set_home;
+    bool make_dir;  // create TARNIX_HOME/var/log/tarnix
+    bool expect_report;
+  };
+  const where_case cases[] = {
+      {"TARNIX_HOME with its log directory", true, true, true},
+      {"no TARNIX_HOME: the current directory", false, false, true},
+      {"TARNIX_HOME without its log directory: no report", true, false, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    TempDir home, cwd;
+    std::string logdir = home.path() + "/var/log/tarnix";
+    if (c.make_dir) {
+      ASSERT_EQ(mkdir((home.path() + "/var").c_str(), 0700), 0);
+      ASSERT_EQ(mkdir((home.path() + "/var/log").c_str(), 0700), 0);
+      ASSERT_EQ(mkdir(logdir.c_str(), 0700), 0);
+    }
+    death d = run_child(
+        [&] {
+          if (chdir(cwd.path().c_str()) != 0) return -1;
+          if (c.set_home) {
+            setenv("TARNIX_HOME", home.path().c_str(), 1);
+          } else {
+            unsetenv("TARNIX_HOME");
+          }
+          return crash_log_creator_init_with_default_prefix() == 0 ? SIGFPE : -1;
+        },
+        [] { crash_divide_by_zero(); });
+    SKIP_IF_NOT_INSTALLED(d);
+    ASSERT_TRUE(d.signaled);
+    EXPECT_EQ(d.sig, SIGFPE);
+    const std::string& expected_dir = c.set_home ? logdir : cwd.path();
+    const std::string& other_dir = c.set_home ? cwd.path() : logdir;
+    EXPECT_EQ(crash_files(expected_dir).size(), c.expect_report ? 1u : 0u);
+    EXPECT_TRUE(crash_files(other_dir).empty());
+    EXPECT_TRUE(crash_files(home.path()).empty());
+  }
+}
+
+TEST(CrashLog, CrashInAnOccupiedSecondWritesNoReport) {
+  TempDir tmp;
+  // Occupy every name the crash could take, as an earlier crash in the same
+  // second would have.
+  time_t now = time(nullptr);
+  std::vector<std::string> names;
+  for (time_t t = now - 2; t <= now + 10; ++t) {
+    names.push_back(local_stamp(t, "crash-%Y-%m-%d-%H:%M:%S.log"));
+    put_file(tmp.file(names.back()), "earlier crash\n");
+  }
+  death d = run_child([&] { return crash_log_creator_init(tmp.path().c_str()) == 0 ? SIGSEGV : -1; },
+                      [] { crash_null_write(); });
+  SKIP_IF_NOT_INSTALLED(d);
+  ASSERT_TRUE(d.signaled);
+  EXPECT_EQ(d.sig, SIGSEGV);
+  EXPECT_EQ(crash_files(tmp.path()).size(), names.size());
+  for (const auto& n : names) EXPECT_EQ(slurp(tmp.file(n)), "earlier crash\n") << n;
+}
+
+TEST(CrashLog, OutOfDescriptorsReportsTheOpenDescriptors) {
+  TempDir tmp;
+  death d = run_child(
+      [&] {
+        if (crash_log_creator_init(tmp.path().c_str()) != 0) return -1;
+        struct rlimit lim = {32, 32};
+        if (setrlimit(RLIMIT_NOFILE, &lim) != 0) return -1;
+        while (open("/dev/null", O_RDONLY) >= 0) {
+        }
+        return SIGSEGV;
+      },
+      [] { crash_null_write(); });
+  SKIP_IF_NOT_INSTALLED(d);
+  ASSERT_TRUE(d.signaled);
+  EXPECT_EQ(d.sig, SIGSEGV);
+  std::string name;
+  std::string r = the_report(tmp.path(), &name);
+  ASSERT_FALSE(r.empty());
+  // Descriptor 0 was given up for the report; all 32 were open.
+  EXPECT_EQ(r.rfind("(Out of file descriptors!)\n[build ", 0), 0u) << r;
+  expect_in_order(r, {"\nFile descriptors open:\n0: " + tmp.path() + "/" + name + "\n1: ", "\n31: ",
+                      "\n(Total 32)\n", "Received fatal signal 11 ("});
+  EXPECT_EQ(r.find("\n32: "), std::string::npos);
+  EXPECT_EQ(r.substr(r.size() - 15), "terminating...\n");
+}
+
+// ---- Standard error tail (SIGABRT only) ------------------------------------
+
+// The lines the report should show for a stderr file with this content.
+std::string expected_tail(const std::string& content) {
+  size_t start = 0;
+  if (content.size() > 800) {
+    start = content.size() - 800;
+    while (start < content.size() && content[start - 1] != '\n') ++start;
+  }
+  std::string out, line;
+  auto end_line = [&] {
+    if (!line.empty()) out += "    " + line + "\n";
+    line.clear();
+  };
+  for (size_t i = start; i < content.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(content[i]);
+    if (c == '\n') {
+      end_line();
+    } else if (c == '\0' || c == '\r') {
+    } else if (c == '\t') {
+      line += ' ';
+    } else if (c < 0x20 || c > 0x7E) {
+      line += '?';
+    } else {
+      line += static_cast<char>(c);
+    }
+  }
+  end_line();
+  return out;
+}
+
+TEST(CrashLog, AbortReportShowsTheCleanedTailOfStderr) {
+  std::string long_content;
+  for (int i = 0; i < 120; ++i) {
+    char buf[64];
+    snprintf(buf, sizeof(buf), "diagnostic line %03d of the run\n", i);
+    long_content += buf;
+  }
+  long_content += "prog: check.cc:12: Assertion `x' failed.\n";
+  static const char tricky_raw[] =
+      "first\n\tindented\r\n\n\r\nbin\x01"
+      "ary\x7f\xff end\nnul\0byte\nno line end";
+  std::string tricky(tricky_raw, sizeof(tricky_raw) - 1);
+
+  struct tail_case {
+    const char* label;
+    int sig;
+    bool do_register;
+    std::string content;
+    bool expect_tail;
+  };
+  const tail_case cases[] = {
+      {"short file: all of it, cleaned", SIGABRT, true, tricky, true},
+      {"long file: from the first line start in the last 800 bytes", SIGABRT, true, long_content, true},
+      {"empty file: no section", SIGABRT, true, "", false},
+      {"not registered: no section", SIGABRT, false, "lost\n", false},
+      {"not an abort: no section", SIGFPE, true, "kept out\n", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    TempDir tmp;
+    std::string errfile = tmp.file("stderr.txt");
+    death d = run_child(
+        [&] {
+          int fd = open(errfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+          if (fd < 0 || dup2(fd, 2) < 0) return -1;
+          if (write(2, c.content.data(), c.content.size()) != static_cast<ssize_t>(c.content.size())) return -1;
+          if (c.do_register) register_stderr_file_location(errfile.c_str());
+          return crash_log_creator_init(tmp.path().c_str()) == 0 ? c.sig : -1;
+        },
+        [&] {
+          if (c.sig == SIGABRT) abort();
+          crash_divide_by_zero();
+        });
+    SKIP_IF_NOT_INSTALLED(d);
+    ASSERT_TRUE(d.signaled);
+    EXPECT_EQ(d.sig, c.sig);
+    std::string r = the_report(tmp.path());
+    ASSERT_FALSE(r.empty());
+    if (!c.expect_tail) {
+      EXPECT_EQ(r.find(STDERR_HEADER), std::string::npos);
+      continue;
+    }
+    std::string want = expected_tail(c.content);
+    ASSERT_FALSE(want.empty());
+    // Right after the system line; the release file or the errno follows.
+    expect_in_order(r, {expected_uname_line() + STDERR_HEADER + want});
+    size_t after = r.find(STDERR_HEADER + want) + STDERR_HEADER.size() + want.size();
+    EXPECT_NE(r.substr(after, 4), "    ");
+  }
+  // The expected tails themselves, spelled out for the tricky file.
+  EXPECT_EQ(expected_tail(tricky),
+            "    first\n     indented\n    bin?ary?? end\n    nulbyte\n    no line end\n");
+  EXPECT_EQ(expected_tail(long_content).rfind("    diagnostic line", 0), 0u);
+}
+
+// ---- Notations, thread name and thread count -------------------------------
+
+size_t render_with_prefix(const crashlog_notation* n, crash_log_writer* z) noexcept {
+  const char* s = static_cast<const char*>(n->data);
+  crash_log_printf(z, "fn:%s", s);
+  return 3 + strlen(s);
+}
+
+size_t render_nothing(const crashlog_notation*, crash_log_writer*) noexcept { return 0; }
+
+const char* thread_name() { return "worker-7"; }
+unsigned thread_count() { return 3; }
+
+TEST(CrashLog, NotationsRenderInOrderAfterTheThreadFacts) {
+  TempDir tmp;
+  death d = run_child(
+      [&] {
+        register_get_current_threadname_func(&thread_name);
+        register_get_threadcount_func(&thread_count);
+        if (crashlog_notation_global_add("alpha") != 0) return -1;
+        if (crashlog_notation_global_add_func(&render_with_prefix, "payload") != 0) return -1;
+        if (crashlog_notation_global_add("") != 0) return -1;  // writes nothing: no line
+        if (crashlog_notation_global_add_func(&render_nothing, nullptr) != 0) return -1;
+        if (crashlog_notation_global_add("beta") != 0) return -1;
+        if (crashlog_notation_perthread_push("gamma") != 0) return -1;
+        if (crashlog_notation_perthread_push("delta") != 0) return -1;
+        if (crashlog_notation_perthread_push("epsilon") != 0) return -1;
+        crashlog_notation_perthread_pop();
+        if (crashlog_notation_perthread_push_func(&render_with_prefix, "zeta") != 0) return -1;
+        if (crashlog_notation_perthread_push("eta") != 0) return -1;
+        crashlog_notation_perthread_pop();
+        return crash_log_creator_init(tmp.path().c_str()) == 0 ? SIGSEGV : -1;
+      },
+      [] { crash_null_write(); });
+  SKIP_IF_NOT_INSTALLED(d);
+  ASSERT_TRUE(d.signaled);
+  std::string r = the_report(tmp.path());
+  ASSERT_FALSE(r.empty());
+  expect_in_order(r, {" Cause:\n   No memory mapped at address [0x0000000000000000].\n"
+                      " Crashing thread: worker-7\n Registers:\n",
+                      "\nThreads running: 3\nalpha\nfn:payload\nbeta\ngamma\ndelta\nfn:zeta\n"
+                      "\nx86 CPUID registers:\n"});
+  EXPECT_EQ(r.find("epsilon"), std::string::npos);
+  EXPECT_EQ(r.find("\neta\n"), std::string::npos);
+}
+
+crashlog_notation g_ping, g_pong;
+crashlog_notation_perthread_state g_cycle_state;
+crashlog_notation_perthread_state* cycle_state() { return &g_cycle_state; }
+
+TEST(CrashLog, NotationListsStopAt1024) {
+  TempDir tmp;
+  death d = run_child(
+      [&] {
+        // Exactly 1024 global notations: all shown, no notice.
+        for (int i = 0; i < 1024; ++i) {
+          if (crashlog_notation_global_add("g") != 0) return -1;
+        }
+        // A corrupted per-thread list that loops: cut after 1024 with the notice.
+        g_ping = {&crashlog_notation_write_string, nullptr, &g_pong, "ping"};
+        g_pong = {&crashlog_notation_write_string, nullptr, &g_ping, "pong"};
+        g_cycle_state = {&g_ping, &g_pong};
+        register_get_crashlog_notation_perthread_state_func(&cycle_state);
+        return crash_log_creator_init(tmp.path().c_str()) == 0 ? SIGILL : -1;
+      },
+      [] { crash_trap(); });
+  SKIP_IF_NOT_INSTALLED(d);
+  ASSERT_TRUE(d.signaled);
+  EXPECT_EQ(d.sig, SIGILL);
+  std::string r = the_report(tmp.path());
+  ASSERT_FALSE(r.empty());
+  std::string want;
+  for (int i = 0; i < 1024; ++i) want += "g\n";
+  for (int i = 0; i < 512; ++i) want += "ping\npong\n";
+  want += MSG_NOTATIONS + "\nx86 CPUID registers:\n";
+  expect_in_order(r, {"Last errno: ", "\n" + want});
+  size_t first = r.find(MSG_NOTATIONS);
+  EXPECT_EQ(r.find(MSG_NOTATIONS, first + 1), std::string::npos);
+}
+
+crashlog_notation_perthread_state* no_state() { return nullptr; }
+
+crashlog_notation g_lone_root = {&crashlog_notation_write_string, nullptr, nullptr, "r"};
+crashlog_notation_perthread_state g_broken_state = {&g_lone_root, nullptr};
+crashlog_notation_perthread_state* broken_state() { return &g_broken_state; }
+
+void push_with_state_func(crash_log_perthread_state_func f) {
+  register_get_crashlog_notation_perthread_state_func(f);
+  (void)crashlog_notation_perthread_push("x");
+}
+
+TEST(CrashLog, NotationStackMisuseIsAnAssertion) {
+  EXPECT_DEATH(crashlog_notation_perthread_pop(), "cnpsp->root != \\(\\(void \\*\\)0\\)");
+  EXPECT_DEATH(push_with_state_func(&no_state), "cnpsp != \\(\\(void \\*\\)0\\)");
+  EXPECT_DEATH(push_with_state_func(&broken_state), "cnpsp->last != \\(\\(void \\*\\)0\\)");
+}
+
+// ---- Installation failure ---------------------------------------------------
+
+TEST(CrashLog, FailedInstallationPrintsWhyAndLeavesDefaults) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "an address-space limit cannot be set under AddressSanitizer";
+#else
+  TempDir tmp;
+  std::string errfile = tmp.file("stderr.txt");
+  pid_t pid = fork();
+  if (pid == 0) {
+    int fd = open(errfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0 || dup2(fd, 2) < 0) _exit(2);
+    struct rlimit no_core = {0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    // No room for the alternate stack.
+    struct rlimit as = {0, 0};
+    getrlimit(RLIMIT_AS, &as);
+    as.rlim_cur = 1;
+    if (setrlimit(RLIMIT_AS, &as) != 0) _exit(3);
+    int rc = crash_log_creator_init(tmp.path().c_str());
+    struct sigaction sa;
+    sigaction(SIGSEGV, nullptr, &sa);
+    _exit(rc == -1 && sa.sa_handler == SIG_DFL ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(slurp(errfile).rfind("cannot allocate alternate stack: ", 0), 0u) << slurp(errfile);
+  EXPECT_TRUE(crash_files(tmp.path()).empty());
+#endif
+}
+
+// ---- The writer -------------------------------------------------------------
+
+// A writer on a fresh file; content() reads back what it wrote.
+struct writer_file {
+  TempDir tmp;
+  std::string path = tmp.file("out.log");
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  crash_log_writer z;
+  writer_file() { crash_log_writer_init(&z, fd); }
+  ~writer_file() { close(fd); }
+  std::string content() const { return slurp(path); }
+};
+
+TEST(CrashLogWriter, EnforcesTheWriteAndTotalLimits) {
+  struct limit_case {
+    const char* label;
+    std::vector<size_t> writes;  // sizes, each written as that many 'a'
+    std::string expected;        // with 'a' runs shown as their sizes below
+    size_t expected_plain;       // count of 'a' bytes that must come first
+  };
+  const limit_case cases[] = {
+      {"a write of exactly 50 kB passes", {51200}, "", 51200},
+      {"a larger write is replaced by the notice", {51201, 10}, MSG_50K + std::string(10, 'a'), 0},
+      {"just under the total limit everything passes", {51200, 51200, 51200, 51200, 51200, 51200,
+                                                        51200, 51200, 51200, 51200, 12287},
+       "", 524287},
+      {"the write that reaches the limit is replaced, then nothing",
+       {51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 12287, 1, 1, 50},
+       MSG_512K, 524287},
+      {"the write that passes the limit is replaced",
+       {51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 7},
+       MSG_512K, 512000},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    writer_file w;
+    ASSERT_GE(w.fd, 0);
+    for (size_t n : c.writes) {
+      std::string buf(n, 'a');
+      w.z.whand.do_write(&w.z, buf.data(), buf.size());
+    }
+    std::string got = w.content();
+    ASSERT_EQ(got.size(), c.expected_plain + c.expected.size());
+    EXPECT_EQ(got.substr(0, c.expected_plain), std::string(c.expected_plain, 'a'));
+    EXPECT_EQ(got.substr(c.expected_plain), c.expected);
+  }
+}
+
+TEST(CrashLogWriter, SkippedWritesStillCountTowardsTheTotal) {
+  writer_file w;
+  // Each oversized write leaves its notice; the notices alone fill the log.
+  std::string big(60000, 'b');
+  for (int i = 0; i < 20000; ++i) w.z.whand.do_write(&w.z, big.data(), big.size());
+  std::string got = w.content();
+  size_t notices = (524288 + MSG_50K.size() - 1) / MSG_50K.size() - 1;
+  std::string want;
+  for (size_t i = 0; i < notices; ++i) want += MSG_50K;
+  want += MSG_512K;
+  EXPECT_EQ(got, want);
+}
+
+void discard_write(crash_log_writer*, const void*, size_t) noexcept {}
+
+void write_through_foreign_writer() {
+  writer_file w;
+  w.z.whand.do_write = &discard_write;
+  default_crash_log_write(&w.z, "x", 1);
+}
+
+TEST(CrashLogWriter, RefusesAWriterWithAnotherWriteOperation) {
+  EXPECT_DEATH(write_through_foreign_writer(), "z->whand.do_write == &default_crash_log_write");
+}
+
+TEST(CrashLogWriter, LongLinesAreCutTo255WithFullStops) {
+  struct line_case {
+    size_t len;
+    std::string expected;
+  };
+  const line_case cases[] = {
+      {0, ""},
+      {254, std::string(254, 'x')},
+      {255, std::string(255, 'x')},
+      {256, std::string(252, 'x') + "..."},
+      {1000, std::string(252, 'x') + "..."},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.len);
+    writer_file w;
+    crash_log_printf(&w.z, "%s", std::string(c.len, 'x').c_str());
+    EXPECT_EQ(w.content(), c.expected);
+  }
+  // The cut also takes the line end.
+  writer_file w;
+  crash_log_printf(&w.z, "[%s]\n", std::string(300, 'y').c_str());
+  EXPECT_EQ(w.content(), "[" + std::string(251, 'y') + "...");
+}
+
+TEST(CrashLogWriter, NumbersFormatLikePrintf) {
+  std::vector<std::function<void(crash_log_writer*, char*, size_t)>> cases;
+#define FMT_CASE(...)                                                             \
+  cases.push_back([](crash_log_writer* z, char* buf, size_t sz) {                 \
+    crash_log_printf(z, __VA_ARGS__);                                             \
+    snprintf(buf, sz, __VA_ARGS__);                                               \
+  })
+  FMT_CASE("%d|%d|%d|%d", 0, -1, INT_MAX, INT_MIN);
+  FMT_CASE("%ld|%ld|%lu", LONG_MAX, LONG_MIN, ULONG_MAX);
+  FMT_CASE("%u|%X|%x|%08X|%8X|%8X", 4000000000u, 0xDEADBEEFu, 0xabcu, 0x1Fu, 0x80000008u, 0u);
+  FMT_CASE("[0x%016llX] [0x%016llX]", 0ULL, 0xFEDCBA9876543210ULL);
+  FMT_CASE("%04d-%02d-%02d %02d:%02d:%02d", 2024, 2, 29, 0, 5, 59);
+  FMT_CASE("%04d|%-5d|%5s|%-5s|%c|100%%", -12, 42, "ab", "cd", 'q');
+  FMT_CASE("%zu %zd %s", static_cast<size_t>(123456789), static_cast<ssize_t>(-5), "tail");
+#undef FMT_CASE
+  for (size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(i);
+    writer_file w;
+    char want[256];
+    cases[i](&w.z, want, sizeof(want));
+    EXPECT_EQ(w.content(), want);
+  }
+}
+
+TEST(CrashLogWriter, InsertFileCopiesUpToItsLimit) {
+  struct insert_case {
+    const char* label;
+    size_t file_sz;  // -1: no file
+    size_t limit;
+    const char* title;
+  };
+  const insert_case cases[] = {
+      {"shorter than the limit", 10, 1000, nullptr},
+      {"exactly the limit", 1000, 1000, nullptr},
+      {"longer than the limit", 2500, 1000, " %s: "},
+      {"longer than the copy buffer", 5000, 4000, nullptr},
+      {"empty", 0, 1000, " %s: "},
+      {"missing", static_cast<size_t>(-1), 1000, " %s: "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    writer_file w;
+    std::string path = w.tmp.file("release");
+    std::string body;
+    for (size_t i = 0; c.file_sz != static_cast<size_t>(-1) && i < c.file_sz; ++i) {
+      body += static_cast<char>('a' + i % 26);
+    }
+    if (c.file_sz != static_cast<size_t>(-1)) put_file(path, body);
+    int rc = crash_log_insert_file(&w.z, path.c_str(), c.limit, c.title);
+    if (c.file_sz == static_cast<size_t>(-1)) {
+      EXPECT_EQ(rc, -1);
+      EXPECT_EQ(w.content(), "");
+      continue;
+    }
+    EXPECT_EQ(rc, 0);
+    std::string want = c.title != nullptr ? " " + path + ": " : "";
+    want += body.substr(0, c.limit);
+    if (body.size() > c.limit) want += "<truncating output>";
+    EXPECT_EQ(w.content(), want);
+  }
+}
+
+TEST(CrashLogWriter, BacktraceWritesOneFrameALine) {
+  writer_file w;
+  get_backtrace(&w.z, 0);
+  std::string all = w.content();
+  EXPECT_TRUE(std::regex_match(all, std::regex(R"((  \[0x[0-9A-F]{16}\]( \?| \S+ \+ \d+)\n){2,})"))) << all;
+  // Skipping frames drops exactly that many lines from the top.
+  writer_file w2;
+  get_backtrace(&w2.z, 1);
+  std::string skipped = w2.content();
+  size_t lines_all = std::count(all.begin(), all.end(), '\n');
+  size_t lines_skipped = std::count(skipped.begin(), skipped.end(), '\n');
+  EXPECT_EQ(lines_skipped + 1, lines_all);
+  writer_file w3;
+  get_backtrace(&w3.z, 1000);
+  EXPECT_EQ(w3.content(), "");
+}
+
+}  // namespace
