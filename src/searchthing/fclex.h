@@ -38,8 +38,24 @@ struct fclex {
   int fd;                   // fd mode: the file; memory: -1
   size_t fclex_offset;      // fd mode: section offset; memory: (size_t)-1
   uint8_t* block_cache;     // fd mode: one block; memory: null
-  size_t block_cache_size;  // fd mode: tperb * 2052; memory: 0
+  size_t block_cache_size;  // fd mode: min(tperb, count) * 2052; memory: 0
 };
+
+// True in descriptor mode, false in memory mode; asserts that the fields
+// agree with the mode.
+bool _check_fd_support(const fclex* h) noexcept;
+
+// Longest common prefix of two NUL-terminated strings; 0 when either is null.
+uint32_t _lcp(const char* a, const char* b) noexcept;
+
+// Decodes the term at position j of a block of block_sz bytes, starting at
+// *off, into term (TERM_BUF_SZ bytes). For j > 0, term and *len hold the
+// previous term of the block on entry. Never reads outside the block.
+// 0, or -12 when the bytes are malformed (bad VBE, a length running past the
+// block, an empty or over-long term, a NUL byte, a prefix longer than the
+// previous term). Advances *off past the term.
+int _fclex_decode_term(const uint8_t* block, uint64_t block_sz, uint64_t* off, uint32_t j,
+                       uint32_t tperb, char* term, uint32_t* len) noexcept;
 
 // Blocks for terms at tperb per block; asserts "terms > 0", "tperb > 0".
 uint32_t _how_many_blocks_helper(uint32_t terms, uint32_t tperb) noexcept;

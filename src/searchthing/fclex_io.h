@@ -84,7 +84,7 @@ struct bo_reader {
 struct lex_reader {
   bo_reader _bor;
   uint32_t uncompressed_size;
-  uint8_t* buf;                      // tperb * 2052 bytes
+  uint8_t* buf;                      // min(tperb, nterms) * 2052 bytes
   uint32_t first_block;              // first cached block, (uint32_t)-1 when none
   uint32_t cached_blocks;
   uint32_t capacity;                 // bytes of buf
@@ -114,6 +114,7 @@ struct lex_merge_cxt {
   uint64_t _block_off;        // decoding position in the block
   char _cur_term[TERM_BUF_SZ];
   uint32_t _cur_len;          // length of _cur_term
+  uint64_t _block_sz;         // size of the current block (bounds decoding)
 };
 int _reload_term(lex_merge_cxt* c) noexcept;
 // 0, a code of _reload_term, or all ones when already exhausted.
