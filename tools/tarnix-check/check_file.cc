@@ -123,9 +123,9 @@ struct checker {
     if (!ok) return false;
     _get_warm_slice_offsets(&hdr, &off);
     if (size() < WARM_HEADER_REGION_SZ || off.fclex + 12 > size()) {
-      err("header", "bytes 8-59 (counts and sizes)",
-          "sections that fit the file (the lexicon header ends at " + num(off.fclex + 12) + ")",
-          "a file of " + num(size()) + " bytes");
+      err("file", "offset " + num(size()) + " (end of file)",
+          "at least " + num(off.fclex + 12) + " bytes (the fixed part and lexicon header that the header's counts describe)",
+          num(size()) + " bytes: the file is cut short or the header's counts are wrong");
       return false;
     }
     return true;
@@ -334,6 +334,24 @@ struct checker {
     }
   }
 
+  // The last offset entry is the postings section's length, so the file
+  // must end exactly there.
+  void check_tail() {
+    if (nv() == 0) return;
+    uint8_t e[8];
+    const uint64_t at = off.pl_offs + static_cast<uint64_t>(nt() - 1) * plo();
+    if (pread_full(fd(), e, plo(), at) != plo()) return;
+    const uint64_t last = plo() == 4 ? load_be32(e) : load_be64(e);
+    const uint64_t postings_size = size() - postings_off;
+    if (last != postings_size) {
+      err("file", "offset " + num(size()) + " (end of file)",
+          num(postings_off + last) + " bytes (postings offset " + num(postings_off) + " + the last offset entry " +
+              num(last) + ")",
+          num(size()) + (last > postings_size ? " bytes: the file is cut short or the last offset entry is wrong"
+                                              : " bytes: trailing bytes or a wrong last offset entry"));
+    }
+  }
+
   void check_terms(bool lexicon_sound) {
     const uint64_t postings_size = size() - postings_off;
     seq_reader meta, table, post;
@@ -347,6 +365,7 @@ struct checker {
     vc.open(fd(), off.values, nv());
     plist_decoder dec;
     uint64_t prev_end = 0;
+    bool lists_clean = true;
     for (uint32_t t = 0; t < nt(); ++t) {
       std::string_view name;
       std::string pos = "term " + num(t);
@@ -417,6 +436,7 @@ struct checker {
         }
       }
       rep->postings_seen += n;
+      if (!list_ok) lists_clean = false;
       if (list_ok) {
         if (n != count) {
           err("metadata", pos + " (offset " + num(off.metadata + TERM_METADATA_SZ * static_cast<uint64_t>(t)) + ")",
@@ -443,25 +463,22 @@ struct checker {
         }
       }
       prev_end = std::max(prev_end, std::min(end, postings_size));
-      if (nv() > 0 && t + 1 == nt() && end != postings_size) {
-        err("offset table", pos + " (the last entry, offset " + num(off.pl_offs + static_cast<uint64_t>(t) * plo()) + ")",
-            num(postings_size) + " (the postings section's length: file size " + num(size()) + " - postings offset " +
-                num(postings_off) + ")",
-            num(end));
-      }
     }
     if (nv() == 0 && postings_size != 0) {
       err("file", "offset " + num(postings_off), "the file to end with its lexicon (no values, no postings)",
           num(postings_size) + " further bytes");
     }
+    // Against the lists' true lengths when they all decoded (a damaged
+    // count is then reported once, under the metadata), else the counts.
     const uint32_t np = hdr_num_postings(&hdr);
-    if (np < rep->count_sum) {
-      err("header", "byte 12 (num_postings)", num(rep->count_sum) + " (the sum of the metadata counts) or more",
-          num(np));
-    } else if (np > rep->count_sum) {
+    const uint64_t total = lists_clean ? rep->postings_seen : rep->count_sum;
+    const char* what = lists_clean ? "the number of postings in the lists" : "the sum of the metadata counts";
+    if (np < total) {
+      err("header", "byte 12 (num_postings)", num(total) + " (" + what + ") or more", num(np));
+    } else if (np > total) {
       note("header", "byte 12 (num_postings)",
-           num(np) + " is " + num(np - rep->count_sum) +
-               " above the sum of the metadata counts (a flushed slice counts the duplicates of its last term)");
+           num(np) + " is " + num(np - total) + " above " + what +
+               " (a flushed slice counts the duplicates of its last term)");
     }
   }
 
@@ -487,6 +504,7 @@ struct checker {
     }
     if (!postings_known) return;
     if (!lexicon_sound) note("postings", "offset " + num(postings_off), "the lexicon is damaged, so the postings' start is in doubt");
+    check_tail();
     check_terms(lexicon_sound);
   }
 };

@@ -1,0 +1,359 @@
+// tarnix-check against files laid out byte by byte by the test's own
+// builder (sound, and corrupted one field at a time), against files written
+// by the library's writer and merge, and against bucket directories.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "searchthing/hotslice.h"
+#include "searchthing/warmslice.h"
+#include "searchthing/warmslice_merge.h"
+#include "testutil/testutil.h"
+#include "tools/tsidx_builder.h"
+
+using namespace toolstest;
+using testutil::bin;
+using testutil::run;
+using testutil::TempDir;
+
+namespace {
+
+testutil::RunResult check(const std::vector<std::string>& args) {
+  std::vector<std::string> argv{bin("tarnix-check")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return run(argv);
+}
+
+// The section named by the first problem line of the output ("" if none).
+std::string first_problem_section(const std::string& out) {
+  size_t pos = 0;
+  while (pos < out.size()) {
+    size_t nl = out.find('\n', pos);
+    if (nl == std::string::npos) nl = out.size();
+    const std::string line = out.substr(pos, nl - pos);
+    pos = nl + 1;
+    if (line.find(": expected ") == std::string::npos) continue;
+    // FILE: SECTION: at POSITION: expected ...
+    const size_t a = line.find(": ");
+    const size_t b = line.find(": at ", a + 2);
+    if (a == std::string::npos || b == std::string::npos) continue;
+    return line.substr(a + 2, b - a - 2);
+  }
+  return "";
+}
+
+// A small file with runs, equal timestamps, a deleted value and 11 terms
+// over three blocks of four.
+built_file sample_file(bool runs = true, const char* magic = MAGIC_V6, uint32_t tperb = 4) {
+  std::vector<tvalue> v = {
+      {500, 90, 3, 1, 2, 7}, {500, 80, 1, 2, 2, 7}, {450, 70, 0, 3, 1, 6},   {400, 60, 2, 0xFFFFFFFFu, 1, 5},
+      {390, 50, 5, 4, 9, 4}, {300, 40, 1, 5, 3, 3}, {250, 30, 7, 1, 3, 2},   {200, 20, 6, 2, 1, 1},
+      {150, 10, 4, 3, 2, 0}, {-5, 5, 1, 1, 1, 1},
+  };
+  std::vector<tterm> t = {
+      {"alpha", {0, 1, 2, 3, 4}}, {"alphabet", {1}},     {"alps", {2, 5, 9}},  {"beta", {0, 9}},
+      {"betamax", {3, 4, 5, 6}}, {"gamma", {7}},        {"host::a", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}},
+      {"host::b", {8}},          {"zeta", {4, 6, 8}},   {"zeta1", {9}},         {"zz", {0, 2, 4, 6, 8}},
+  };
+  return build_index(v, t, tperb, runs, magic);
+}
+
+std::string write_tmp(const TempDir& d, const std::string& name, const std::vector<uint8_t>& bytes) {
+  const std::string p = d.file(name);
+  testutil::write_file(p, bytes);
+  return p;
+}
+
+TEST(TarnixCheck, BuiltFilesOfEveryShapeAreSound) {
+  TempDir d;
+  struct shape {
+    const char* name;
+    built_file f;
+  };
+  std::vector<tvalue> one = {{7, 1, 0, 0, 0, 0}};
+  std::vector<shape> shapes = {
+      {"runs", sample_file(true)},
+      {"gaps", sample_file(false)},
+      {"tperb1", sample_file(true, MAGIC_V6, 1)},
+      {"tperb2", sample_file(true, MAGIC_V6, 2)},
+      {"tperb64", sample_file(true, MAGIC_V6, 64)},
+      {"v3", sample_file(true, MAGIC_V3)},
+      {"v5", sample_file(false, MAGIC_V5)},
+      {"single", build_index(one, {{"x", {0}}}, 8, false)},
+      {"longterm", build_index(one, {{std::string(2047, 'q'), {0}}, {"r", {0}}}, 8, false)},
+  };
+  for (shape& s : shapes) {
+    const std::string p = write_tmp(d, std::string(s.name) + ".tsidx", s.f.bytes);
+    auto r = check({p});
+    EXPECT_EQ(r.status, 0) << s.name << "\n" << r.out << r.err;
+    EXPECT_NE(r.out.find(": sound: 0 problems"), std::string::npos) << s.name << "\n" << r.out;
+  }
+  // The summary states what the file holds.
+  auto r = check({d.file("runs.tsidx")});
+  EXPECT_NE(r.out.find("10 values (1 deleted), 11 terms, 36 postings, times -5..500"), std::string::npos) << r.out;
+}
+
+TEST(TarnixCheck, LexiconOnlyFileIsSoundAndItsDamageIsNamed) {
+  TempDir d;
+  std::vector<uint8_t> lex = build_lexicon_only({"a", "ab", "b", "c", "cd"}, {3, 1, 4, 1, 5}, 2);
+  auto r = check({write_tmp(d, "merged_lexicon.lex", lex)});
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find("TarLex1, 5 terms"), std::string::npos) << r.out;
+  std::vector<uint8_t> bad = lex;
+  bad.push_back(0);  // a lexicon-only file ends with its lexicon
+  r = check({write_tmp(d, "trail.lex", bad)});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(first_problem_section(r.out), "file") << r.out;
+  bad = lex;
+  // Header region 64, metadata 20 bytes -> lexicon at 88 (next8(64+..)).
+  warm_header h;
+  memcpy(h.b, lex.data(), WARM_HEADER_SZ);
+  const uint64_t lo = _offset_fclex(&h);
+  bad[lo + 12] = 0xFF;  // the first block end offset now exceeds the blocks
+  r = check({write_tmp(d, "blk.lex", bad)});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(first_problem_section(r.out), "lexicon") << r.out;
+}
+
+struct corruption {
+  const char* name;
+  std::function<void(std::vector<uint8_t>&, const built_file&)> mutate;
+  const char* section;
+};
+
+void add32(std::vector<uint8_t>& b, uint64_t at, int32_t delta) {
+  store_be32(b.data() + at, load_be32(b.data() + at) + static_cast<uint32_t>(delta));
+}
+
+TEST(TarnixCheck, EachCorruptionIsNamedBySection) {
+  const std::vector<corruption> cases = {
+      {"magic", [](auto& b, auto&) { b[6] = '9'; }, "header"},
+      {"num_values+1", [](auto& b, auto&) { add32(b, HDR_NUM_VALUES, 1); }, "header"},
+      {"num_values-1", [](auto& b, auto&) { add32(b, HDR_NUM_VALUES, -1); }, "header"},
+      {"num_terms+1", [](auto& b, auto&) { add32(b, HDR_NUM_TERMS, 1); }, "header"},
+      {"num_postings-1", [](auto& b, auto&) { add32(b, HDR_NUM_POSTINGS, -1); }, "header"},
+      {"et_size", [](auto& b, auto&) { add32(b, HDR_ET_SIZE, 8); }, "header"},
+      {"h_nbits", [](auto& b, auto&) { add32(b, HDR_H_NBITS, 1); }, "header"},
+      {"d_nbits", [](auto& b, auto&) { add32(b, HDR_D_NBITS, 1); }, "header"},
+      {"value order", [](auto& b, auto&) { add32(b, 64 + 8 * 5, 1000); }, "values"},
+      {"duplicate value", [](auto& b, auto&) { add32(b, 64 + 8 * 1 + 4, 10); }, "values"},
+      {"lexicon count", [](auto& b, auto& f) { add32(b, f.lex_off, 1); }, "lexicon"},
+      {"block offset", [](auto& b, auto& f) { add32(b, f.lex_off + 12, 1); }, "lexicon"},
+      {"term order", [](auto& b, auto& f) { b[f.block_starts[1] + 1] = 'a'; }, "lexicon"},
+      {"term length", [](auto& b, auto& f) { b[f.block_starts[2]] = 0; }, "lexicon"},
+      {"offset entry", [](auto& b, auto& f) { add32(b, f.off.pl_offs + 8 * 3 + 4, 40); }, "offset table"},
+      {"metadata count", [](auto& b, auto& f) { add32(b, f.off.metadata + 12 * 4, 1); }, "metadata"},
+      {"metadata earliest", [](auto& b, auto& f) { add32(b, f.off.metadata + 12 * 2 + 4, -1); }, "metadata"},
+      {"metadata latest", [](auto& b, auto& f) { add32(b, f.off.metadata + 12 * 6 + 8, 1); }, "metadata"},
+      {"posting id past values", [](auto& b, auto& f) { b[f.list_starts[5]] = 0x7F; }, "postings"},
+      {"posting gap", [](auto& b, auto& f) { b[f.list_starts[2] + 1] = 0x80; }, "postings"},
+      {"cut-off posting code", [](auto& b, auto&) { b[b.size() - 1] = 0x80; }, "postings"},
+      {"truncated postings", [](auto& b, auto&) { b.resize(b.size() - 3); }, "file"},
+      {"truncated fixed part", [](auto& b, auto& f) { b.resize(f.off.metadata); }, "file"},
+      {"truncated header", [](auto& b, auto&) { b.resize(40); }, "header"},
+      {"trailing bytes", [](auto& b, auto&) { b.push_back(0); }, "file"},
+  };
+  TempDir d;
+  const built_file f = sample_file(false);
+  for (const corruption& c : cases) {
+    std::vector<uint8_t> b = f.bytes;
+    c.mutate(b, f);
+    const std::string p = write_tmp(d, "c.tsidx", b);
+    auto r = check({p});
+    EXPECT_EQ(r.status, 1) << c.name << "\n" << r.out;
+    EXPECT_EQ(first_problem_section(r.out), c.section) << c.name << "\n" << r.out;
+    EXPECT_NE(r.out.find(": UNSOUND: "), std::string::npos) << c.name;
+  }
+}
+
+TEST(TarnixCheck, RandomDamageNeverCrashes) {
+  TempDir d;
+  std::mt19937 rng(12345);
+  std::vector<std::string> paths;
+  const std::vector<built_file> bases = {sample_file(true), sample_file(false, MAGIC_V3, 2),
+                                         sample_file(true, MAGIC_V6, 1)};
+  for (int i = 0; i < 240; ++i) {
+    std::vector<uint8_t> b = bases[i % bases.size()].bytes;
+    const int flips = 1 + static_cast<int>(rng() % 4);
+    for (int k = 0; k < flips; ++k) b[rng() % b.size()] ^= static_cast<uint8_t>(1 + rng() % 255);
+    if (i % 5 == 0) b.resize(rng() % b.size());
+    paths.push_back(write_tmp(d, "f" + std::to_string(i) + ".tsidx", b));
+  }
+  // One run over every file, then the JSON form.
+  auto r = check(paths);
+  EXPECT_TRUE(r.status == 0 || r.status == 1) << r.status << r.err;
+  std::vector<std::string> args = {"--json"};
+  args.insert(args.end(), paths.begin(), paths.end());
+  r = check(args);
+  EXPECT_TRUE(r.status == 0 || r.status == 1) << r.status << r.err;
+  EXPECT_EQ(r.out.rfind("{\"sound\":", 0), 0u);
+}
+
+TEST(TarnixCheck, UsageErrorsAndHelp) {
+  auto r = check({"--bogus", "x"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("usage: tarnix-check"), std::string::npos);
+  r = check({});
+  EXPECT_EQ(r.status, 2);
+  r = check({"--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("usage: tarnix-check"), std::string::npos);
+  r = check({"/nonexistent/file.tsidx"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(first_problem_section(r.out), "file");
+}
+
+// ---- files of the library's writer and merge ----------------------------------
+
+// Writes a slice of n events with pseudo-random terms through the hot slice
+// and the writer into dir; returns the path.
+std::string write_slice(const std::string& dir, uint32_t seed, uint32_t n, int streaming) {
+  wrc w{};
+  hot_slice* hot = st_hot_slice_create(1 << 20, 1 << 14, 1 << 16, 1 << 12, streaming, &w);
+  EXPECT_NE(hot, nullptr);
+  std::mt19937 rng(seed);
+  for (uint32_t i = 0; i < n; ++i) {
+    const int32_t ts = streaming ? static_cast<int32_t>(1000 + i / 3) : static_cast<int32_t>(1000 + rng() % 500);
+    const uint32_t addr = streaming ? i + 1 : static_cast<uint32_t>(seed * 100000 + i);
+    const uint32_t src = (i % 17 == 0) ? 0xFFFFFFFFu : rng() % 9;
+    const uint32_t et = rng() % 5, st = rng() % 3, host = rng() % 40;
+    for (int k = 0; k < 4; ++k) {
+      const std::string term = "t" + std::to_string(rng() % (k == 0 ? 7 : 300));
+      EXPECT_EQ(st_hot_slice_put(hot, term.c_str(), static_cast<uint32_t>(term.size()), ts, addr, et, src, st, host),
+                0);
+    }
+  }
+  char name[PATH_BUF_SZ];
+  warm* wm = st_warm_slice_create(hot, name, dir.c_str(), ".tsidx", &w);
+  EXPECT_NE(wm, nullptr) << w.warm_rc;
+  if (wm) st_warm_slice_close(wm);
+  st_hot_slice_close(hot);
+  return name;
+}
+
+std::string merge_files(const std::string& out, const std::vector<std::string>& srcs, uint32_t tpb) {
+  std::vector<int> fds;
+  for (const auto& s : srcs) fds.push_back(open(s.c_str(), O_RDONLY | O_CLOEXEC));
+  const int tfd = open(out.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  wrc w{};
+  const int rc = st_warm_slice_merge_n(0, tfd, fds.data(), static_cast<uint32_t>(fds.size()), tpb, 0, &w, 0);
+  EXPECT_EQ(rc, 0) << w.message;
+  for (int fd : fds) close(fd);
+  close(tfd);
+  return out;
+}
+
+TEST(TarnixCheck, WriterAndMergeOutputIsSound) {
+  TempDir d;
+  std::vector<std::string> files;
+  for (uint32_t s = 1; s <= 5; ++s) files.push_back(write_slice(d.path(), s, 150 + 40 * s, s % 2));
+  for (const auto& f : files) {
+    auto r = check({f});
+    // A flushed slice may count its last term's duplicates in num_postings:
+    // a note, never a problem.
+    EXPECT_EQ(r.status, 0) << r.out;
+  }
+  const std::string m = merge_files(d.file("m.merge"), files, 64);
+  auto r = check({m});
+  EXPECT_EQ(r.status, 0) << r.out;
+  const std::string m2 = merge_files(d.file("m2.merge"), {files[0], m}, 3);
+  r = check({m2});
+  EXPECT_EQ(r.status, 0) << r.out;
+}
+
+// ---- bucket directories --------------------------------------------------------------
+
+TEST(TarnixCheck, BucketReportListsStateAndPredictsTheNextPass) {
+  TempDir d;
+  for (uint32_t s = 1; s <= 9; ++s) write_slice(d.path(), s, 60, 0);
+  // Distinct terms: the union over the files, as the test's own reader sees it.
+  auto all = check({"--json", "--terms", d.path()});
+  EXPECT_EQ(all.status, 0) << all.out;
+  auto r = check({"--terms", d.path()});
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find("9 index files"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("next pass: 9 of 9 candidate files"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("distinct terms"), std::string::npos) << r.out;
+
+  // Lock two files: they stop being candidates, and 7 are too few for a group.
+  auto names = testutil::list_dir(d.path());
+  testutil::write_file(d.file(names[0] + ".lock"), {'4', '2', '\n', 'h', 'o', 's', 't'});
+  testutil::write_file(d.file(names[1] + ".lock"), {'4', '3', '\n', 'h'});
+  testutil::write_file(d.file("1:2:3-4:5:6-7.merge"), {1, 2, 3});
+  testutil::write_file(d.file("5-4-3.pre-tsidx"), {});
+  testutil::write_file(d.file("5-4-3.0.9.part-tsidx"), {});
+  testutil::write_file(d.file("tarnix-need-optimize.dat"), {});
+  r = check({d.path()});
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find("next pass: 0 of 7 candidate files"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(names[0] + ".lock: age "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("owner pid 42 on host host"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("intermediate: 1:2:3-4:5:6-7.merge: 3 bytes"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("unfinished flush: 5-4-3.pre-tsidx"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("part file: 5-4-3.0.9.part-tsidx"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("tarnix-need-optimize.dat present"), std::string::npos) << r.out;
+
+  // One damaged index file makes the bucket unsound.
+  std::vector<uint8_t> b = testutil::read_file(d.file(names[3]));
+  b[20] ^= 0x10;
+  testutil::write_file(d.file(names[3]), b);
+  r = check({"-q", d.path()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(first_problem_section(r.out), "header") << r.out;
+  EXPECT_EQ(r.out.find("bucket:"), std::string::npos) << "-q prints problems only";
+}
+
+TEST(TarnixCheck, DistinctTermsMatchTheUnionOfTheLexicons) {
+  TempDir d;
+  // Overlapping term sets in three files built by the test's builder.
+  std::vector<tvalue> v = {{9, 3, 0, 0, 0, 0}, {8, 2, 0, 0, 0, 0}};
+  auto mk = [&](std::vector<std::string> ts) {
+    std::vector<tterm> t;
+    for (auto& s : ts) t.push_back({s, {0, 1}});
+    return build_index(v, t, 2, true).bytes;
+  };
+  write_tmp(d, "9-8-1.tsidx", mk({"a", "b", "c", "x"}));
+  write_tmp(d, "9-8-2.tsidx", mk({"b", "c", "d"}));
+  write_tmp(d, "9-8-3.tsidx", mk({"aa", "x", "y", "z"}));
+  auto r = check({"--terms", d.path()});
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find(", 8 distinct terms"), std::string::npos) << r.out;
+  r = check({"--json", "--terms", d.path()});
+  EXPECT_NE(r.out.find("\"distinct_terms\":8"), std::string::npos) << r.out;
+}
+
+TEST(TarnixCheck, NextPassFollowsTheSizeRules) {
+  // Files of given sizes (contents irrelevant to the prediction).
+  struct tcase {
+    std::vector<size_t> sizes;
+    const char* expect;
+  };
+  const std::vector<tcase> cases = {
+      {{100, 200, 300, 400, 500, 600, 700, 800}, "next pass: 8 of 8"},
+      {{100, 200, 300}, "next pass: 0 of 3"},
+      {{100}, "next pass: 0 of 1"},
+      {{2 << 20, 5 << 20, 11 << 20, 23 << 20, 47 << 20, 95 << 20, 191 << 20, 383 << 20}, "next pass: 0 of 8"},
+  };
+  for (const tcase& c : cases) {
+    TempDir d;
+    for (size_t i = 0; i < c.sizes.size(); ++i) {
+      const std::string p = d.file("10-5-" + std::to_string(i) + ".tsidx");
+      const int fd = open(p.c_str(), O_RDWR | O_CREAT, 0600);
+      ASSERT_EQ(ftruncate(fd, static_cast<off_t>(c.sizes[i])), 0);
+      close(fd);
+    }
+    auto r = check({d.path()});
+    EXPECT_NE(r.out.find(c.expect), std::string::npos) << r.out;
+  }
+}
+
+}  // namespace
