@@ -1,0 +1,268 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "testutil/bucket_reader.h"
+#include "testutil/testutil.h"
+
+using testutil::RunResult;
+using testutil::TempDir;
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kBigN = 20000;   // the sanitizers make the full run too slow
+#else
+constexpr int kBigN = 200000;
+#endif
+
+std::string tool() { return testutil::bin("tarnix-index"); }
+
+RunResult emit(int n, int seed, bool streaming = false) {
+  std::vector<std::string> argv = {tool(), "--generate", std::to_string(n), "--seed", std::to_string(seed),
+                                   "--emit-events"};
+  if (streaming) argv.push_back("--streaming");
+  return testutil::run(argv);
+}
+
+// The events of input-format text, as the bucket reader reports them.
+testutil::EventIndex parse_events(const std::string& text) {
+  testutil::EventIndex idx;
+  std::istringstream in(text);
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream fields(line);
+    std::string f[7];
+    for (int i = 0; i < 6; ++i) std::getline(fields, f[i], '\t');
+    std::getline(fields, f[6]);
+    tarnix::tsval v{};
+    v.timestamp = std::stoi(f[0]);
+    v.event_address = static_cast<uint32_t>(std::stoul(f[1]));
+    v.event_type = static_cast<uint32_t>(std::stoul(f[2]));
+    v.source = static_cast<uint32_t>(std::stoul(f[3]));
+    v.source_type = static_cast<uint32_t>(std::stoul(f[4]));
+    v.host = static_cast<uint32_t>(std::stoul(f[5]));
+    idx.events[v.event_address] = v;
+    std::istringstream terms(f[6]);
+    std::string term;
+    while (std::getline(terms, term, ' ')) idx.term_addresses[term].push_back(v.event_address);
+  }
+  testutil::normalise(&idx);
+  return idx;
+}
+
+bool same_event(const tarnix::tsval& a, const tarnix::tsval& b) {
+  return a.timestamp == b.timestamp && a.event_address == b.event_address && a.event_type == b.event_type &&
+         a.source == b.source && a.source_type == b.source_type && a.host == b.host;
+}
+
+// The bucket holds exactly the events, each once, and every term's postings.
+void expect_bucket_holds(const std::string& dir, const testutil::EventIndex& expected, size_t n) {
+  testutil::BucketContent b = testutil::read_bucket(dir);
+  ASSERT_TRUE(b.problems.empty()) << b.problems.front();
+  EXPECT_GE(b.files, 1);
+  EXPECT_EQ(b.value_count, n) << "an event was split over two files or lost";
+  ASSERT_EQ(b.index.events.size(), n);
+  ASSERT_EQ(expected.events.size(), n);
+  size_t differing = 0;
+  for (const auto& [addr, v] : expected.events) {
+    auto it = b.index.events.find(addr);
+    if (it == b.index.events.end() || !same_event(it->second, v)) ++differing;
+  }
+  EXPECT_EQ(differing, 0u);
+  EXPECT_EQ(b.index.term_addresses.size(), expected.term_addresses.size());
+  EXPECT_TRUE(b.index.term_addresses == expected.term_addresses) << "postings differ";
+}
+
+TEST(TarnixIndex, GeneratedEventsMakeABucketThatHoldsThemAll) {
+  RunResult e = emit(kBigN, 1);
+  ASSERT_EQ(e.status, 0) << e.err;
+  testutil::EventIndex expected = parse_events(e.out);
+  ASSERT_EQ(expected.events.size(), static_cast<size_t>(kBigN)) << "addresses are unique";
+
+  TempDir d;
+  RunResult r = testutil::run({tool(), "--generate", std::to_string(kBigN), "--seed", "1", "-d", d.path(), "-q"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  expect_bucket_holds(d.path(), expected, kBigN);
+  for (const auto& name : testutil::list_dir(d.path())) {
+    EXPECT_EQ(name.find(".pre-tsidx"), std::string::npos) << name;
+  }
+
+  // The same events read from a file, with larger slices.
+  TempDir from_file;
+  std::string input = from_file.file("events.txt");
+  testutil::write_file(input, std::vector<uint8_t>(e.out.begin(), e.out.end()));
+  TempDir d2;
+  r = testutil::run({tool(), "-d", d2.path(), "-q", "--max-values", "50000", "--max-terms", "200000",
+                     "--max-term-chars", "4000000", "--max-postings", "1000000", input});
+  ASSERT_EQ(r.status, 0) << r.err;
+  expect_bucket_holds(d2.path(), expected, kBigN);
+  EXPECT_LT(testutil::list_dir(d2.path()).size(), testutil::list_dir(d.path()).size());
+}
+
+TEST(TarnixIndex, StreamingModeTakesTimeOrderedEvents) {
+  RunResult e = emit(5000, 7, true);
+  ASSERT_EQ(e.status, 0);
+  testutil::EventIndex expected = parse_events(e.out);
+  TempDir d;
+  RunResult r = testutil::run({tool(), "--generate", "5000", "--seed", "7", "--streaming", "-d", d.path(), "-q",
+                               "--max-values", "700"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  expect_bucket_holds(d.path(), expected, 5000);
+
+  // The same events on standard input.
+  TempDir d2;
+  r = testutil::run({tool(), "--streaming", "-d", d2.path(), "-q", "-"}, {}, e.out);
+  ASSERT_EQ(r.status, 0) << r.err;
+  expect_bucket_holds(d2.path(), expected, 5000);
+}
+
+TEST(TarnixIndex, SameSeedSameEvents) {
+  RunResult a = emit(500, 1), b = emit(500, 1), c = emit(500, 2), shorter = emit(300, 1);
+  ASSERT_EQ(a.status, 0);
+  EXPECT_EQ(a.out, b.out);
+  EXPECT_NE(a.out, c.out);
+  EXPECT_EQ(a.out.compare(0, shorter.out.size(), shorter.out), 0) << "a shorter run is a prefix";
+  EXPECT_EQ(std::count(a.out.begin(), a.out.end(), '\n'), 500);
+  EXPECT_EQ(emit(0, 1).out, "");
+  // Field terms and some jitter in the unordered events.
+  EXPECT_NE(a.out.find("host::"), std::string::npos);
+  EXPECT_NE(a.out.find("sourcetype::"), std::string::npos);
+  testutil::EventIndex idx = parse_events(a.out);
+  bool went_back = false;
+  int32_t prev = INT32_MIN;
+  for (const auto& [addr, v] : idx.events) {
+    went_back |= v.timestamp < prev;
+    prev = v.timestamp;
+  }
+  EXPECT_TRUE(went_back);
+}
+
+struct BadInput {
+  const char* what;
+  std::vector<std::string> extra_args;
+  std::string input;
+  int line;
+  const char* message;
+  size_t events_kept;   // flushed before the bad line (with --max-values 1)
+};
+
+class TarnixIndexBadInput : public ::testing::TestWithParam<BadInput> {};
+
+TEST_P(TarnixIndexBadInput, OneLineErrorWithTheLineNumber) {
+  const BadInput& c = GetParam();
+  TempDir d;
+  std::vector<std::string> argv = {tool(), "-d", d.path(), "--max-values", "1"};
+  argv.insert(argv.end(), c.extra_args.begin(), c.extra_args.end());
+  RunResult r = testutil::run(argv, {}, c.input);
+  EXPECT_EQ(r.status, 1) << r.err;
+  std::string prefix = "tarnix-index: line " + std::to_string(c.line) + ": ";
+  EXPECT_EQ(r.err.rfind(prefix, 0), 0u) << r.err;
+  EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  testutil::BucketContent b = testutil::read_bucket(d.path());
+  EXPECT_TRUE(b.problems.empty());
+  EXPECT_EQ(b.index.events.size(), c.events_kept);
+}
+
+const std::string OK1 = "100\t1\t2\t3\t4\t5\talpha beta\n";
+const std::string OK2 = "101\t2\t2\t3\t4\t5\tgamma\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, TarnixIndexBadInput,
+    ::testing::Values(
+        BadInput{"too few fields", {}, OK1 + "100\t1\t2\n", 2, "expected 7 tab-separated fields", 1},
+        BadInput{"words only", {}, "hello world\n", 1, "found 1", 0},
+        BadInput{"timestamp too large", {}, OK1 + OK2 + "2147483648\t3\t0\t0\t0\t0\tx\n", 3, "timestamp", 2},
+        BadInput{"timestamp too small", {}, "-2147483649\t3\t0\t0\t0\t0\tx\n", 1, "timestamp", 0},
+        BadInput{"timestamp not a number", {}, "12a\t3\t0\t0\t0\t0\tx\n", 1, "timestamp", 0},
+        BadInput{"address too large", {}, OK1 + "1\t4294967296\t0\t0\t0\t0\tx\n", 2, "event_address", 1},
+        BadInput{"host negative", {}, "1\t1\t0\t0\t0\t-1\tx\n", 1, "host", 0},
+        BadInput{"deleted source", {}, OK1 + "1\t9\t0\t4294967295\t0\t0\tx\n", 2, "deleted", 1},
+        BadInput{"NUL in a term", {}, OK1 + OK2 + std::string("1\t9\t0\t0\t0\t0\tab\0c\n", 17), 3, "NUL", 2},
+        BadInput{"double space", {}, OK1 + "1\t9\t0\t0\t0\t0\ta  b\n", 2, "empty term 2", 1},
+        BadInput{"trailing space", {}, "1\t9\t0\t0\t0\t0\ta \n", 1, "empty term 2", 0},
+        BadInput{"no terms", {}, OK1 + "1\t9\t0\t0\t0\t0\t\n", 2, "no terms", 1},
+        BadInput{"eight fields", {}, "1\t9\t0\t0\t0\t0\ta\tb\n", 1, "tab", 0},
+        BadInput{"empty line", {}, OK1 + "\n", 2, "found 1", 1},
+        BadInput{"streaming, earlier time", {"--streaming"}, OK1 + OK2 + "99\t7\t0\t0\t0\t0\tx\n", 3,
+                 "out of time order", 2},
+        BadInput{"streaming, same time, lower address", {"--streaming"}, OK1 + "100\t0\t0\t0\t0\t0\tx\n", 2,
+                 "out of time order", 1},
+        BadInput{"streaming, repeated event", {"--streaming"}, OK1 + OK1, 2, "out of time order", 1}));
+
+TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
+  // Nobody, root included, creates files in /proc.
+  RunResult r = testutil::run({tool(), "-d", "/proc", "--max-values", "2"}, {},
+                              OK1 + OK2 + "102\t3\t0\t0\t0\t0\tx\n" + "103\t4\t0\t0\t0\t0\tx\n");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err.rfind("tarnix-index: line 3: writing an index file into /proc failed", 0), 0u) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+
+  TempDir d;
+  r = testutil::run({tool(), "-d", d.file("missing"), "-q"}, {}, OK1);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("missing"), std::string::npos);
+  testutil::write_file(d.file("plain"), {});
+  r = testutil::run({tool(), "-d", d.file("plain")}, {}, OK1);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("not a directory"), std::string::npos);
+  r = testutil::run({tool(), "-d", d.path(), d.file("no-such-input")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("cannot open"), std::string::npos);
+}
+
+TEST(TarnixIndex, UsageErrors) {
+  TempDir d;
+  struct Case {
+    std::vector<std::string> args;
+    const char* message;
+  } cases[] = {
+      {{}, "no bucket directory"},
+      {{"-d"}, "needs a value"},
+      {{"-d", d.path(), "--bogus"}, "unknown option"},
+      {{"-d", d.path(), "--max-values", "0"}, "at least 1"},
+      {{"-d", d.path(), "--max-terms", "12x"}, "not a number"},
+      {{"-d", d.path(), "--max-postings", "-5"}, "not a number"},
+      {{"--generate", "10", "--seed"}, "needs a value"},
+      {{"--emit-events"}, "needs --generate"},
+      {{"-d", d.path(), "--generate", "10", "events.txt"}, "no input file"},
+      {{"-d", d.path(), "a.txt", "b.txt"}, "more than one input"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> argv = {tool()};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    RunResult r = testutil::run(argv);
+    EXPECT_EQ(r.status, 2) << c.message;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  }
+  EXPECT_TRUE(testutil::list_dir(d.path()).empty());
+  RunResult h = testutil::run({tool(), "--help"});
+  EXPECT_EQ(h.status, 0);
+  EXPECT_EQ(h.out.rfind("usage: tarnix-index", 0), 0u);
+}
+
+TEST(TarnixIndex, SummaryUnlessQuiet) {
+  TempDir d;
+  RunResult r = testutil::run({tool(), "-d", d.path(), "--generate", "100"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.err.find("tarnix-index: 100 events indexed into 1 files"), std::string::npos) << r.err;
+  TempDir q;
+  r = testutil::run({tool(), "-d", q.path(), "--generate", "100", "-q"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "");
+  // An empty input writes nothing.
+  TempDir e;
+  r = testutil::run({tool(), "-d", e.path(), "-q"}, {}, "");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(testutil::list_dir(e.path()).empty());
+}
+
+}  // namespace

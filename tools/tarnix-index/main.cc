@@ -1,0 +1,440 @@
+// tarnix-index: builds a bucket directory of index files from events, one
+// event a line, or from synthetic events. Each flush of the in-memory slice
+// writes one ".tsidx" file into the directory; a bad line stops the run with
+// a one-line error, and the files flushed before it stay valid.
+#include <errno.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "generate.h"
+#include "searchthing/hotslice.h"
+#include "searchthing/lock.h"
+#include "searchthing/result.h"
+#include "searchthing/tsidx.h"
+
+namespace {
+
+constexpr int EXIT_INPUT = 1;
+constexpr int EXIT_USAGE = 2;
+constexpr uint64_t PROGRESS_EVERY = 4096;   // events between looks at the clock
+
+constexpr const char USAGE[] =
+    "usage: tarnix-index -d DIR [options] [FILE|-]\n"
+    "       tarnix-index -d DIR [options] --generate N [--seed S]\n"
+    "       tarnix-index --generate N [--seed S] [--streaming] --emit-events\n"
+    "\n"
+    "Indexes events into the bucket directory DIR: each flush of the in-memory\n"
+    "slice writes one \".tsidx\" file there. Events are read from FILE (standard\n"
+    "input when it is \"-\" or missing), one a line, fields separated by tabs:\n"
+    "  timestamp  event_address  event_type  source  source_type  host  terms\n"
+    "where timestamp is a signed 32-bit number of seconds, the next five are\n"
+    "unsigned 32-bit numbers (source 4294967295 marks deleted events and is\n"
+    "refused), and terms are one or more terms separated by single spaces.\n"
+    "\n"
+    "options:\n"
+    "  -d DIR               bucket directory (must exist)\n"
+    "  --max-values N       events per slice (default 16384)\n"
+    "  --max-terms N        distinct terms per slice (default 16384)\n"
+    "  --max-term-chars N   bytes of distinct terms per slice (default 16384)\n"
+    "  --max-postings N     (term, event) pairs per slice (default 16384)\n"
+    "  --streaming          events come in time order (checked): timestamps never\n"
+    "                       decrease, and equal timestamps have increasing addresses\n"
+    "  --generate N         index N synthetic log-like events instead of reading\n"
+    "  --seed S             seed of the synthetic events (default 1)\n"
+    "  --emit-events        print the synthetic events in the input format instead\n"
+    "                       of indexing them\n"
+    "  -q                   no progress or summary on standard error\n"
+    "  --help               this text\n"
+    "\n"
+    "Exit status: 0 done, 1 bad input or a failed flush, 2 usage error.\n";
+
+struct options {
+  const char* dir = nullptr;
+  const char* input = nullptr;
+  uint64_t max_values = tarnix::ST_TSIDX_DEFAULT_LIMIT;
+  uint64_t max_terms = tarnix::ST_TSIDX_DEFAULT_LIMIT;
+  uint64_t max_term_chars = tarnix::ST_TSIDX_DEFAULT_LIMIT;
+  uint64_t max_postings = tarnix::ST_TSIDX_DEFAULT_LIMIT;
+  bool streaming = false;
+  bool quiet = false;
+  bool generate = false;
+  uint64_t generate_count = 0;
+  uint64_t seed = 1;
+  bool emit = false;
+};
+
+[[noreturn]] void usage_error(const char* fmt, const char* arg) {
+  fprintf(stderr, "tarnix-index: ");
+  fprintf(stderr, fmt, arg);
+  fprintf(stderr, "\n(try tarnix-index --help)\n");
+  exit(EXIT_USAGE);
+}
+
+bool parse_u64(const char* s, uint64_t* out) {
+  if (s == nullptr || *s == '\0') return false;
+  uint64_t v = 0;
+  for (const char* p = s; *p != '\0'; ++p) {
+    if (*p < '0' || *p > '9') return false;
+    uint64_t d = static_cast<uint64_t>(*p - '0');
+    if (v > (UINT64_MAX - d) / 10) return false;
+    v = v * 10 + d;
+  }
+  *out = v;
+  return true;
+}
+
+options parse_args(int argc, char** argv) {
+  options o;
+  auto value = [&](int* i) -> const char* {
+    if (*i + 1 >= argc) usage_error("%s needs a value", argv[*i]);
+    return argv[++*i];
+  };
+  auto number = [&](int* i, uint64_t min) {
+    const char* name = argv[*i];
+    const char* v = value(i);
+    uint64_t n;
+    if (!parse_u64(v, &n)) usage_error("not a number: \"%s\"", v);
+    if (n < min) usage_error("%s must be at least 1", name);
+    return n;
+  };
+  for (int i = 1; i < argc; ++i) {
+    std::string_view a = argv[i];
+    if (a == "--help" || a == "-h") {
+      fputs(USAGE, stdout);
+      exit(0);
+    } else if (a == "-d") {
+      o.dir = value(&i);
+    } else if (a == "--max-values") {
+      o.max_values = number(&i, 1);
+    } else if (a == "--max-terms") {
+      o.max_terms = number(&i, 1);
+    } else if (a == "--max-term-chars") {
+      o.max_term_chars = number(&i, 1);
+    } else if (a == "--max-postings") {
+      o.max_postings = number(&i, 1);
+    } else if (a == "--streaming") {
+      o.streaming = true;
+    } else if (a == "-q") {
+      o.quiet = true;
+    } else if (a == "--generate") {
+      o.generate = true;
+      o.generate_count = number(&i, 0);
+    } else if (a == "--seed") {
+      o.seed = number(&i, 0);
+    } else if (a == "--emit-events") {
+      o.emit = true;
+    } else if (a == "-" || a.empty() || a[0] != '-') {
+      if (o.input != nullptr) usage_error("more than one input: \"%s\"", argv[i]);
+      o.input = argv[i];
+    } else {
+      usage_error("unknown option \"%s\"", argv[i]);
+    }
+  }
+  if (o.emit && !o.generate) usage_error("%s needs --generate", "--emit-events");
+  if (o.generate && o.input != nullptr) usage_error("--generate takes no input file (\"%s\")", o.input);
+  if (!o.emit && o.dir == nullptr) usage_error("%s", "no bucket directory (-d DIR)");
+  return o;
+}
+
+double now_s() {
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
+}
+
+// ---- Input lines ---------------------------------------------------------------
+
+bool parse_field_u32(std::string_view s, uint32_t* out) {
+  if (s.empty() || s.size() > 10) return false;
+  uint64_t v = 0;
+  for (char c : s) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + static_cast<uint64_t>(c - '0');
+  }
+  if (v > UINT32_MAX) return false;
+  *out = static_cast<uint32_t>(v);
+  return true;
+}
+
+bool parse_field_i32(std::string_view s, int32_t* out) {
+  bool neg = !s.empty() && s[0] == '-';
+  if (neg) s.remove_prefix(1);
+  if (s.empty() || s.size() > 10) return false;
+  int64_t v = 0;
+  for (char c : s) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  if (neg) v = -v;
+  if (v < INT32_MIN || v > INT32_MAX) return false;
+  *out = static_cast<int32_t>(v);
+  return true;
+}
+
+// An event of the input, its terms pointing into the line.
+struct parsed_event {
+  int32_t timestamp;
+  uint32_t fields[5];   // event_address, event_type, source, source_type, host
+  std::vector<std::string_view> terms;
+};
+
+// Empty string when the line is an event, else what is wrong with it.
+std::string parse_line(std::string_view line, parsed_event* e) {
+  static const char* const NAMES[] = {"timestamp", "event_address", "event_type", "source",
+                                      "source_type", "host"};
+  std::string_view f[7];
+  size_t n = 0;
+  size_t start = 0;
+  for (;;) {
+    size_t tab = line.find('\t', start);
+    if (n == 6 || tab == std::string_view::npos) {
+      f[n++] = line.substr(start);
+      break;
+    }
+    f[n++] = line.substr(start, tab - start);
+    start = tab + 1;
+  }
+  if (n < 7) {
+    return "expected 7 tab-separated fields (timestamp, event_address, event_type, source, "
+           "source_type, host, terms), found " + std::to_string(n);
+  }
+  if (!parse_field_i32(f[0], &e->timestamp)) {
+    return "timestamp \"" + std::string(f[0]) + "\" is not a signed 32-bit number";
+  }
+  for (int i = 0; i < 5; ++i) {
+    if (!parse_field_u32(f[1 + i], &e->fields[i])) {
+      return std::string(NAMES[1 + i]) + " \"" + std::string(f[1 + i]) + "\" is not an unsigned 32-bit number";
+    }
+  }
+  if (e->fields[2] == 0xFFFFFFFFu) return "source 4294967295 marks deleted events";
+  std::string_view terms = f[6];
+  if (terms.find('\t') != std::string_view::npos) return "a term holds a tab (more than 7 fields)";
+  e->terms.clear();
+  if (terms.empty()) return "the event has no terms";
+  size_t pos = 0;
+  for (;;) {
+    size_t sp = terms.find(' ', pos);
+    std::string_view t = terms.substr(pos, sp == std::string_view::npos ? std::string_view::npos : sp - pos);
+    if (t.empty()) return "empty term " + std::to_string(e->terms.size() + 1) + " (terms are separated by single spaces)";
+    if (t.find('\0') != std::string_view::npos) {
+      return "term " + std::to_string(e->terms.size() + 1) + " holds a NUL byte";
+    }
+    e->terms.push_back(t);
+    if (sp == std::string_view::npos) break;
+    pos = sp + 1;
+  }
+  return "";
+}
+
+// ---- Indexing ---------------------------------------------------------------------
+
+class indexer {
+ public:
+  indexer(const options& o, tarnix::tsidx* t) : o_(o), t_(t), start_(now_s()), last_report_(start_) {}
+
+  // 0, or prints the error for line line_no and returns the exit status.
+  int add(uint64_t line_no, int32_t ts, const uint32_t f[5], const std::vector<std::string_view>& terms) {
+    if (o_.streaming && have_prev_ &&
+        (ts < prev_ts_ || (ts == prev_ts_ && f[0] <= prev_addr_))) {
+      return fail(line_no, "out of time order for --streaming: timestamp " + std::to_string(ts) +
+                               " address " + std::to_string(f[0]) + " after timestamp " +
+                               std::to_string(prev_ts_) + " address " + std::to_string(prev_addr_));
+    }
+    // The empty term is a probe: a slice more than 7/8 full is flushed
+    // first, so that the whole event goes into one file.
+    int r = tarnix::st_tsidx_put(t_, "", 0, ts, f[0], f[1], f[2], f[3], f[4]);
+    if (r != 0) return put_failed(line_no, r, "");
+    for (std::string_view term : terms) {
+      r = tarnix::st_tsidx_put(t_, term.data(), static_cast<uint32_t>(term.size()), ts, f[0], f[1], f[2],
+                               f[3], f[4]);
+      if (r != 0) return put_failed(line_no, r, term);
+    }
+    have_prev_ = true;
+    prev_ts_ = ts;
+    prev_addr_ = f[0];
+    ++events_;
+    if (!o_.quiet && events_ % PROGRESS_EVERY == 0) {
+      double now = now_s();
+      if (now - last_report_ >= 1.0) {
+        last_report_ = now;
+        fprintf(stderr, "tarnix-index: %llu events, %.0f events/s, %llu files written\n",
+                static_cast<unsigned long long>(events_), static_cast<double>(events_) / (now - start_),
+                static_cast<unsigned long long>(files()));
+      }
+    }
+    return 0;
+  }
+
+  // Flushes what is left. 0 or the exit status. After an error it stays
+  // silent: the error was the run's one line.
+  int finish(uint64_t last_line, bool after_error = false) {
+    bool pending = t_->hot_slice != nullptr && tarnix::st_hot_slice_values(t_->hot_slice) != 0;
+    if (pending) {
+      if (tarnix::st_tsidx_sync(t_) != 0) return after_error ? EXIT_INPUT : flush_failed(last_line);
+      ++final_files_;
+    }
+    if (!o_.quiet && !after_error) {
+      double secs = now_s() - start_;
+      fprintf(stderr, "tarnix-index: %llu events indexed into %llu files in %.2f s\n",
+              static_cast<unsigned long long>(events_), static_cast<unsigned long long>(files()), secs);
+    }
+    return 0;
+  }
+
+ private:
+  // Every flush before the last one is a fill-up of the slice.
+  uint64_t files() const { return t_->full_count + final_files_; }
+
+  int fail(uint64_t line_no, const std::string& what) {
+    fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), what.c_str());
+    return EXIT_INPUT;
+  }
+
+  int flush_failed(uint64_t line_no) {
+    int err = t_->wrc.warm_errno;
+    return fail(line_no, std::string("writing an index file into ") + o_.dir + " failed: " +
+                             tarnix::st_rc_name(t_->wrc.warm_rc) + " (" + strerror(err) + ")");
+  }
+
+  int put_failed(uint64_t line_no, int r, std::string_view term) {
+    if (r == -6) return flush_failed(line_no);
+    if (r == -1 || r == -2 || r == -3 || r == -4) {
+      static const char* const WHAT[] = {"terms", "events", "postings", "term characters"};
+      return fail(line_no, "the term \"" + std::string(term.substr(0, 64)) + "\" does not fit an empty slice (" +
+                               WHAT[-r - 1] + "); raise the limits");
+    }
+    return fail(line_no, std::string("cannot index the event: ") + tarnix::st_rc_name(r));
+  }
+
+  const options& o_;
+  tarnix::tsidx* t_;
+  double start_;
+  double last_report_;
+  uint64_t events_ = 0;
+  uint64_t final_files_ = 0;
+  bool have_prev_ = false;
+  int32_t prev_ts_ = 0;
+  uint32_t prev_addr_ = 0;
+};
+
+int emit_events(const options& o) {
+  tarnix_index::event_generator gen(o.generate_count, o.seed, o.streaming);
+  tarnix_index::event e;
+  std::string out;
+  while (gen.next(&e)) {
+    out += tarnix_index::format_event(e);
+    out += '\n';
+    if (out.size() >= (1u << 20)) {
+      if (fwrite(out.data(), 1, out.size(), stdout) != out.size()) return EXIT_INPUT;
+      out.clear();
+    }
+  }
+  if (fwrite(out.data(), 1, out.size(), stdout) != out.size() || fflush(stdout) != 0) {
+    fprintf(stderr, "tarnix-index: writing the events failed: %s\n", strerror(errno));
+    return EXIT_INPUT;
+  }
+  return 0;
+}
+
+int run_generated(const options& o, indexer* ix) {
+  // In streaming mode the events come in time order.
+  tarnix_index::event_generator gen(o.generate_count, o.seed, o.streaming);
+  tarnix_index::event e;
+  std::vector<std::string_view> terms;
+  uint64_t n = 0;
+  while (gen.next(&e)) {
+    ++n;
+    terms.assign(e.terms.begin(), e.terms.end());
+    uint32_t f[5] = {e.event_address, e.event_type, e.source, e.source_type, e.host};
+    if (int r = ix->add(n, e.timestamp, f, terms); r != 0) {
+      (void)ix->finish(n, true);
+      return r;
+    }
+  }
+  return ix->finish(n);
+}
+
+int run_input(const options& o, indexer* ix) {
+  bool from_stdin = o.input == nullptr || strcmp(o.input, "-") == 0;
+  FILE* in = from_stdin ? stdin : fopen(o.input, "re");
+  if (in == nullptr) {
+    fprintf(stderr, "tarnix-index: cannot open %s: %s\n", o.input, strerror(errno));
+    return EXIT_INPUT;
+  }
+  char* buf = nullptr;
+  size_t cap = 0;
+  uint64_t line_no = 0;
+  parsed_event e;
+  int status = 0;
+  for (;;) {
+    errno = 0;
+    ssize_t len = getline(&buf, &cap, in);
+    if (len < 0) {
+      if (ferror(in)) {
+        fprintf(stderr, "tarnix-index: line %llu: reading failed: %s\n",
+                static_cast<unsigned long long>(line_no + 1), strerror(errno));
+        status = EXIT_INPUT;
+      }
+      break;
+    }
+    ++line_no;
+    std::string_view line(buf, static_cast<size_t>(len));
+    if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+    std::string problem = parse_line(line, &e);
+    if (!problem.empty()) {
+      fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), problem.c_str());
+      status = EXIT_INPUT;
+      break;
+    }
+    status = ix->add(line_no, e.timestamp, e.fields, e.terms);
+    if (status != 0) break;
+  }
+  free(buf);
+  if (!from_stdin) fclose(in);
+  if (status != 0) {
+    // What was read before the bad line is flushed: the files stay valid
+    // and complete up to that line.
+    (void)ix->finish(line_no, true);
+    return status;
+  }
+  return ix->finish(line_no);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  options o = parse_args(argc, argv);
+  if (o.emit) return emit_events(o);
+
+  tarnix::st_init();
+  struct stat st;
+  if (stat(o.dir, &st) != 0) {
+    fprintf(stderr, "tarnix-index: %s: %s\n", o.dir, strerror(errno));
+    return EXIT_INPUT;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    fprintf(stderr, "tarnix-index: %s: not a directory\n", o.dir);
+    return EXIT_INPUT;
+  }
+  tarnix::tsidx* t = tarnix::st_tsidx_open(o.dir, o.streaming ? tarnix::ST_OPEN_STREAMING : 0u, 0, 0);
+  if (t == nullptr) {
+    fprintf(stderr, "tarnix-index: out of memory\n");
+    return EXIT_INPUT;
+  }
+  tarnix::st_tsidx_set_params(t, o.max_terms, o.max_term_chars, o.max_postings, o.max_values);
+  indexer ix(o, t);
+  int status = o.generate ? run_generated(o, &ix) : run_input(o, &ix);
+  // Everything was flushed above (or failed to flush): nothing is left for
+  // close to write.
+  if (t->hot_slice != nullptr) tarnix::st_hot_slice_reset(t->hot_slice);
+  (void)tarnix::st_tsidx_close(t);
+  return status;
+}
