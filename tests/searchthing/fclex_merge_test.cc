@@ -1,0 +1,260 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "searchthing/fclex.h"
+#include "searchthing/fclex_io.h"
+#include "testutil/lexutil.h"
+#include "testutil/testutil.h"
+
+using namespace tarnix;
+using testutil::TempDir;
+
+namespace {
+
+using terms_t = std::vector<std::string>;
+
+struct source {
+  terms_t terms;
+  uint32_t tperb;
+};
+
+struct merge_result {
+  int rc = 0;
+  wrc w{};
+  uint32_t merged = 0;
+  terms_t terms;              // read back from the closed writer's section
+  std::vector<bmap_t> bmaps;  // the first `merged` bitmaps
+  std::vector<uint64_t> offsets;
+  std::vector<uint64_t> ends;
+  std::vector<uint64_t> sizes;  // st_fclex_size_fd of each source
+  std::vector<uint8_t> section;
+};
+
+// Writes every source into one file (each behind a few junk bytes, so that
+// offsets matter), merges them and closes the writer into a second file.
+merge_result run_merge(const std::vector<source>& sources, uint32_t tperb, uint64_t page_sz = 0,
+                       const std::vector<std::vector<uint8_t>>& raw = {}) {
+  merge_result r;
+  TempDir dir;
+  int fd = open(dir.file("src").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  uint64_t at = 0;
+  for (size_t i = 0; i < sources.size() + raw.size(); ++i) {
+    at += 3 + i % 5;
+    r.offsets.push_back(at);
+    uint64_t end = 0;
+    if (i < sources.size()) {
+      EXPECT_EQ(testutil::write_with_writer(fd, at, sources[i].terms, sources[i].tperb, 0, &end), 0);
+    } else {
+      const auto& bytes = raw[i - sources.size()];
+      EXPECT_EQ(pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(at)),
+                static_cast<ssize_t>(bytes.size()));
+      end = at + bytes.size();
+    }
+    r.sizes.push_back(st_fclex_size_fd(fd, at));
+    at = end;
+  }
+  std::vector<int> fds(r.offsets.size(), fd);
+  r.ends.assign(r.offsets.size(), 0);
+  lex_writer writer{};
+  bmap_t* which = nullptr;
+  r.rc = st_fclex_merge_n(0, fds.data(), r.offsets.data(), static_cast<uint32_t>(fds.size()), tperb,
+                          page_sz, &writer, &r.merged, &which, r.ends.data(), &r.w);
+  if (r.rc == 0 && r.merged > 0) {
+    r.bmaps.assign(which, which + r.merged);
+    int out = open(dir.file("out").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    uint64_t end = 0;
+    EXPECT_EQ(_lex_writer_close(0, &writer, out, 0, &end), 0);
+    EXPECT_EQ(testutil::read_with_reader(out, 0, &r.terms), 0);
+    close(out);
+    r.section = testutil::read_file(dir.file("out"));
+    EXPECT_EQ(r.section.size(), end);
+  } else {
+    _lex_writer_discard(&writer);
+  }
+  _bmap_free(which);
+  close(fd);
+  return r;
+}
+
+TEST(FclexMerge, CommonTermGetsBothBits) {
+  merge_result r = run_merge({{{"x", "z"}, 2}, {{"y", "z"}, 2}}, 4);
+  ASSERT_EQ(r.rc, 0);
+  EXPECT_EQ(r.merged, 3u);
+  EXPECT_EQ(r.terms, (terms_t{"x", "y", "z"}));
+  EXPECT_EQ(r.bmaps, (std::vector<bmap_t>{1, 2, 3}));
+}
+
+TEST(FclexMerge, SameSingleTermInThreeSources) {
+  merge_result r = run_merge({{{"t"}, 1}, {{"t"}, 4}, {{"t"}, 64}}, 2);
+  ASSERT_EQ(r.rc, 0);
+  EXPECT_EQ(r.terms, (terms_t{"t"}));
+  EXPECT_EQ(r.bmaps, (std::vector<bmap_t>{7}));
+}
+
+TEST(FclexMerge, OneSourceIsReblocked) {
+  std::mt19937 rng(1);
+  terms_t terms = testutil::random_terms(rng, 3000, true);
+  for (uint32_t tperb : {1u, 3u, 64u}) {
+    SCOPED_TRACE(tperb);
+    merge_result r = run_merge({{terms, 8}}, tperb, 9);
+    ASSERT_EQ(r.rc, 0);
+    EXPECT_EQ(r.terms, terms);
+    EXPECT_EQ(r.section, testutil::build_with_writer(terms, tperb));
+    EXPECT_TRUE(std::all_of(r.bmaps.begin(), r.bmaps.end(), [](bmap_t b) { return b == 1; }));
+  }
+}
+
+TEST(FclexMerge, EndOffsetsFollowEachSection) {
+  merge_result r = run_merge({{{"a", "c", "e"}, 1}, {{"b", "d"}, 2}, {{"apple", "apt", "bat"}, 64}}, 4);
+  ASSERT_EQ(r.rc, 0);
+  ASSERT_EQ(r.ends.size(), 3u);
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_GT(r.sizes[i], 0u);
+    EXPECT_EQ(r.ends[i], r.offsets[i] + r.sizes[i]);
+  }
+  EXPECT_EQ(r.terms, (terms_t{"a", "apple", "apt", "b", "bat", "c", "d", "e"}));
+  EXPECT_EQ(r.bmaps, (std::vector<bmap_t>{1, 4, 4, 2, 4, 1, 2, 1}));
+}
+
+// The property the posting merge relies on: source i's m-th term is the
+// merged term at which source i's m-th set bit occurs.
+void check_against_model(const std::vector<source>& sources, const merge_result& r) {
+  std::map<std::string, bmap_t> model;
+  for (size_t i = 0; i < sources.size(); ++i) {
+    for (const auto& t : sources[i].terms) model[t] |= 1u << i;
+  }
+  ASSERT_EQ(r.merged, model.size());
+  ASSERT_EQ(r.terms.size(), model.size());
+  size_t k = 0;
+  for (const auto& [term, bits] : model) {
+    ASSERT_EQ(r.terms[k], term) << k;
+    ASSERT_EQ(r.bmaps[k], bits) << k;
+    ++k;
+  }
+  for (size_t i = 0; i < sources.size(); ++i) {
+    size_t m = 0;
+    for (size_t t = 0; t < r.merged; ++t) {
+      if (_bmap_is_set(&r.bmaps[t], static_cast<uint32_t>(i))) {
+        ASSERT_EQ(r.terms[t], sources[i].terms[m++]);
+      }
+    }
+    EXPECT_EQ(m, sources[i].terms.size());
+  }
+}
+
+TEST(FclexMerge, RandomSourcesMatchTheUnionModel) {
+  std::mt19937 rng(2024);
+  const uint32_t tperbs[] = {1, 2, 3, 8, 64};
+  for (int round = 0; round < 12; ++round) {
+    SCOPED_TRACE(round);
+    size_t n = 1 + rng() % 32;
+    if (round == 0) n = 32;
+    // A shared pool, so that sources overlap in every pattern.
+    terms_t pool = testutil::random_terms(rng, 400 + rng() % 1600, round % 3 == 0);
+    std::vector<source> sources;
+    for (size_t i = 0; i < n; ++i) {
+      source s;
+      s.tperb = tperbs[rng() % 5];
+      uint32_t keep = 1 + rng() % 100;  // percent of the pool
+      for (const auto& t : pool) {
+        if (rng() % 100 < keep) s.terms.push_back(t);
+      }
+      if (s.terms.empty()) s.terms.push_back(pool[rng() % pool.size()]);
+      sources.push_back(std::move(s));
+    }
+    uint32_t tperb = tperbs[rng() % 5];
+    merge_result r = run_merge(sources, tperb, round % 2 ? 64 : 0);
+    ASSERT_EQ(r.rc, 0);
+    check_against_model(sources, r);
+    for (size_t i = 0; i < n; ++i) EXPECT_EQ(r.ends[i], r.offsets[i] + r.sizes[i]);
+  }
+}
+
+TEST(FclexMerge, EmptySourcesAreSkipped) {
+  // A section whose header holds no terms: 12 bytes.
+  std::vector<uint8_t> empty = {0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 0};
+  merge_result r = run_merge({{{"m", "n"}, 2}}, 4, 0, {empty});
+  ASSERT_EQ(r.rc, 0);
+  EXPECT_EQ(r.terms, (terms_t{"m", "n"}));
+  EXPECT_EQ(r.bmaps, (std::vector<bmap_t>{1, 1}));
+  EXPECT_EQ(r.ends[1], r.offsets[1] + 12);
+
+  merge_result none = run_merge({}, 4, 0, {empty, empty});
+  EXPECT_EQ(none.rc, 0);
+  EXPECT_EQ(none.merged, 0u);
+}
+
+TEST(FclexMerge, DamagedSourceStopsTheMergeWithItsIndex) {
+  std::vector<uint8_t> good = testutil::build_with_writer({"apple", "apply", "apt", "bat", "bath"}, 4);
+  struct damage {
+    const char* name;
+    size_t at;
+    std::vector<uint8_t> with;
+    int rc;
+    const char* message;
+  } cases[] = {
+      {"zero terms per block", 4, {0, 0, 0, 0}, WS_EEMPTYLEX, "_lex_reader_open in st_fclex_merge_n"},
+      {"section past the end of the file", 16, {0, 0, 0x10, 0}, WS_EREAD,
+       "_lex_reader_open in st_fclex_merge_n"},
+      {"bad first term", 20, {0x80, 0x80, 0x80, 0x80, 0x80}, WS_EDATA,
+       "_reload_term in st_fclex_merge_n"},
+      {"bad later term", 29, {0x40}, WS_EDATA, "_reload_term in st_fclex_merge_n"},
+      {"bad second block", 36, {0x00}, WS_EDATA, "_reload_term in st_fclex_merge_n"},
+  };
+  for (const auto& d : cases) {
+    SCOPED_TRACE(d.name);
+    std::vector<uint8_t> bad = good;
+    std::copy(d.with.begin(), d.with.end(), bad.begin() + static_cast<long>(d.at));
+    merge_result r = run_merge({{{"a"}, 1}, {{"b", "c"}, 2}}, 4, 0, {bad});
+    EXPECT_EQ(r.rc, d.rc);
+    EXPECT_EQ(r.w.warm_rc, d.rc);
+    EXPECT_EQ(r.w.source_index, 2);
+    EXPECT_STREQ(r.w.message, d.message);
+  }
+}
+
+TEST(FclexMerge, VerboseMergePrintsTheWriterLine) {
+  TempDir dir;
+  int fd = open(dir.file("src").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  uint64_t end = 0;
+  ASSERT_EQ(testutil::write_with_writer(fd, 0, {"a", "b", "c"}, 2, 0, &end), 0);
+  int fds[2] = {fd, fd};
+  uint64_t offsets[2] = {0, 0};
+  uint64_t ends[2] = {};
+  lex_writer writer{};
+  bmap_t* which = nullptr;
+  uint32_t merged = 0;
+  wrc w{};
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(st_fclex_merge_n(1, fds, offsets, 2, 2, 0, &writer, &merged, &which, ends, &w), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "creating writer, num_blocks=3, num_terms=6, page_sz=1048576.\n");
+  EXPECT_EQ(merged, 3u);
+  EXPECT_EQ(which[0], 3u);
+  _lex_writer_discard(&writer);
+  _bmap_free(which);
+  close(fd);
+}
+
+TEST(FclexMergeDeath, MoreThan32SourcesIsAnAssertion) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  std::vector<int> fds(33, -1);
+  std::vector<uint64_t> offsets(33, 0), ends(33, 0);
+  lex_writer writer{};
+  bmap_t* which = nullptr;
+  uint32_t merged = 0;
+  wrc w{};
+  EXPECT_DEATH(st_fclex_merge_n(0, fds.data(), offsets.data(), 33, 4, 0, &writer, &merged, &which,
+                                ends.data(), &w),
+               testutil::re_escape("src_sz <= _bmap_size_bits( *which_srcs_o )"));
+}
+
+}  // namespace
