@@ -168,16 +168,25 @@ void sort_ids(uint32_t* a, uint64_t n) noexcept {
   }
 }
 
+// The source of a deleted value is the deletion mark, not a source number:
+// it is left out, so that a deleted value never widens the source column to
+// 32 bits (a width whose elements read back as 0); the deleted flag alone
+// brings the mark back.
 uint32_t largest_of(const hot_slice* h, uint32_t tsval::*field) noexcept {
+  const bool is_source = field == &tsval::source;
+  auto counts = [&](const tsval* v) { return !(is_source && v->source == DELETED_SOURCE); };
   uint32_t m = 0;
   if (h->value_hash != nullptr) {
     for (uint32_t i = 0; i < h->value_hash_capacity; ++i) {
-      if (h->value_hash[i] != nullptr) m = std::max(m, h->value_hash[i]->*field);
+      const tsval* v = h->value_hash[i];
+      if (v != nullptr && counts(v)) m = std::max(m, v->*field);
     }
     return m;
   }
   ST_ASSERT(_value_begin(h) <= _value_end(h));
-  for (uint32_t i = _value_begin(h); i < _value_end(h); ++i) m = std::max(m, h->values[i].*field);
+  for (uint32_t i = _value_begin(h); i < _value_end(h); ++i) {
+    if (counts(&h->values[i])) m = std::max(m, h->values[i].*field);
+  }
   return m;
 }
 
