@@ -1,0 +1,206 @@
+// The commit helpers of the optimize pass (link-and-unlink, the move to a
+// fresh final name, the closing log line) and the optimize run called in
+// process: iteration limits, the one-pass library form and the status file.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "searchthing/lock.h"
+#include "searchthing/st.h"
+#include "searchthing/tsidx.h"
+#include "searchthing/tsidx_optimize.h"
+#include "testutil/optimize_bucket.h"
+#include "testutil/testutil.h"
+
+namespace tarnix {
+namespace {
+
+// A log stream whose text the test can read.
+class memlog {
+ public:
+  memlog() : f_(open_memstream(&buf_, &len_)) {}
+  ~memlog() {
+    if (f_ != nullptr) fclose(f_);
+    free(buf_);
+  }
+  FILE* get() { return f_; }
+  std::string text() {
+    fflush(f_);
+    return std::string(buf_, len_);
+  }
+
+ private:
+  char* buf_ = nullptr;
+  size_t len_ = 0;
+  FILE* f_;
+};
+
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+TEST(OptimizeCommit, FinishedTextTable) {
+  struct {
+    int32_t rc;
+    const char* text;
+  } cases[] = {
+      {-31, "no suitable pair of tsidx found for optimize"},
+      {-30, "less than 2 tsidx files in dir"},
+      {-29, "failed, see rc for more details"},
+      {-13, "failed, see rc for more details"},
+      {-1, "failed, see rc for more details"},
+      {0, "files merged successfully"},
+      {-32, "failed, see rc for more details"},
+      {-35, "failed, see rc for more details"},
+      {1, "failed, see rc for more details"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.rc);
+    EXPECT_STREQ(_so_finished_text(c.rc), c.text);
+  }
+}
+
+TEST(OptimizeCommit, FinishedLineCarriesCodeAndErrno) {
+  memlog log;
+  wrc w{};
+  w.warm_rc = -31;
+  w.warm_errno = 17;
+  _log_optimize_finished(log.get(), &w, nullptr);
+  w.warm_rc = -4;
+  int other = 5;
+  _log_optimize_finished(log.get(), &w, &other);
+  _log_optimize_finished(nullptr, &w, nullptr);
+  std::regex expected(
+      "tm=\\d+ optimize finished: no suitable pair of tsidx found for optimize, \\(rc=-31 errno=17\\)\n"
+      "tm=\\d+ optimize finished: failed, see rc for more details, \\(rc=-4 errno=5\\)\n");
+  EXPECT_TRUE(std::regex_match(log.text(), expected)) << log.text();
+}
+
+TEST(OptimizeCommit, LinkAndUnlinkMovesOrReportsLinkError) {
+  testutil::TempDir d;
+  testutil::write_file(d.file("a"), {'a'});
+  testutil::write_file(d.file("taken"), {'t'});
+  memlog log;
+  // Never over an existing name.
+  EXPECT_EQ(_link_and_unlink(d.file("a").c_str(), d.file("taken").c_str(), log.get()), EEXIST);
+  EXPECT_EQ(testutil::read_file(d.file("taken")), std::vector<uint8_t>{'t'});
+  EXPECT_TRUE(exists(d.file("a")));
+  std::regex warn("tm=\\d+ WARN link command failed. rc=" + std::to_string(EEXIST) +
+                  " Retrying the following files \n\t" + d.file("a") + "\n\t" + d.file("taken") + "\n");
+  EXPECT_TRUE(std::regex_match(log.text(), warn)) << log.text();
+
+  EXPECT_EQ(_link_and_unlink(d.file("a").c_str(), d.file("b").c_str(), nullptr), 0);
+  EXPECT_FALSE(exists(d.file("a")));
+  EXPECT_EQ(testutil::read_file(d.file("b")), std::vector<uint8_t>{'a'});
+}
+
+TEST(OptimizeCommit, MoveRetryTimeNamesTargetFromTimes) {
+  testutil::TempDir d;
+  testutil::write_file(d.file("x.merge"), {'m'});
+  memlog log;
+  ASSERT_EQ(move_retry_time(d.file("x.merge").c_str(), d.path().c_str(), -5, 300, log.get()), 0);
+  std::vector<std::string> names = testutil::list_dir(d.path());
+  ASSERT_EQ(names.size(), 1u);
+  EXPECT_TRUE(std::regex_match(names[0], std::regex("300--5-\\d+\\.tsidx"))) << names[0];
+  std::regex lines("tm=\\d+ intermediate=" + d.file("x.merge") + "\n" + "tm=\\d+ target=" +
+                   d.file(names[0]) + "\n");
+  EXPECT_TRUE(std::regex_match(log.text(), lines)) << log.text();
+}
+
+TEST(OptimizeCommit, MoveRetryTimeGivesUpAfterTenAttempts) {
+  testutil::TempDir d;
+  memlog log;
+  const std::string missing = d.file("gone.merge");
+  EXPECT_EQ(move_retry_time(missing.c_str(), d.path().c_str(), 1, 2, log.get()), ENOENT);
+  std::string text = log.text();
+  size_t warns = 0;
+  for (size_t p = text.find("WARN link command failed. rc=" + std::to_string(ENOENT));
+       p != std::string::npos; p = text.find("WARN link command failed", p + 1)) {
+    ++warns;
+  }
+  EXPECT_EQ(warns, 10u);
+  std::regex last("[\\s\\S]*\ntm=\\d+ ERROR failed to move intermediate=" + missing + " eno=" +
+                  std::to_string(ENOENT) + "\n");
+  EXPECT_TRUE(std::regex_match(text, last)) << text;
+  EXPECT_EQ(testutil::list_dir(d.path()), std::vector<std::string>{});
+}
+
+class OptimizeInProcess : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "yes", 1);
+    ASSERT_EQ(st_init(), 0);
+    for (uint32_t f = 0; f < 40; ++f) {
+      auto ev = testutil::make_events(f, 1, 10 + f, 5000 + static_cast<int32_t>(f));
+      ASSERT_NE(testutil::write_slice(dir_.path(), ev), "");
+      all_.insert(all_.end(), ev.begin(), ev.end());
+    }
+  }
+  testutil::TempDir dir_;
+  std::vector<testutil::event> all_;
+};
+
+TEST(OptimizeRunLimits, ZeroAndNegativeLimitsRunOnePass) {
+  setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "yes", 1);
+  ASSERT_EQ(st_init(), 0);
+  for (int32_t limit : {0, -7}) {
+    SCOPED_TRACE(limit);
+    testutil::TempDir d;
+    for (uint32_t f = 0; f < 40; ++f) {
+      ASSERT_NE(testutil::write_slice(d.path(), testutil::make_events(f, 1, 10 + f, 5000)), "");
+    }
+    wrc w{};
+    EXPECT_EQ(st_optimize(d.path().c_str(), SO_MODE_NORMAL, 0, limit, 8, 64, 0, nullptr, &w, 0, 0), 0);
+    EXPECT_EQ(testutil::tsidx_names(d.path()).size(), 9u);
+  }
+}
+
+TEST_F(OptimizeInProcess, UnlimitedRunEndsWhenNothingIsLeft) {
+  wrc w{};
+  testutil::write_file(dir_.file("tarnix-need-optimize.dat"), {});
+  EXPECT_EQ(st_optimize(dir_.path().c_str(), SO_MODE_NORMAL, 1, 2147483647, 8, 64, 0, nullptr, &w, 0, 0),
+            0);
+  // The last pass found fewer than two files.
+  EXPECT_EQ(w.warm_rc, ST_EFEWFILES);
+  std::vector<std::string> names = testutil::list_dir(dir_.path());
+  ASSERT_EQ(names.size(), 2u);
+  EXPECT_EQ(names[1], "optimize.result");
+  std::vector<testutil::posting> got;
+  ASSERT_TRUE(testutil::read_postings(dir_.file(names[0]), &got));
+  EXPECT_EQ(got, testutil::postings_of(all_));
+}
+
+TEST_F(OptimizeInProcess, LibraryFormRunsOnePassWithDefaults) {
+  tsidx* t = st_tsidx_open(dir_.path().c_str(), 0, 0, 0);
+  ASSERT_NE(t, nullptr);
+  EXPECT_EQ(st_optimize_ex(t, SO_MODE_NORMAL), 0);
+  EXPECT_EQ(testutil::tsidx_names(dir_.path()).size(), 9u);
+  EXPECT_EQ(st_optimize_ex(t, SO_MODE_NORMAL), 0);
+  EXPECT_EQ(testutil::tsidx_names(dir_.path()).size(), 1u);
+  EXPECT_EQ(st_optimize_ex(t, SO_MODE_NORMAL), ST_EFEWFILES);
+  EXPECT_EQ(st_tsidx_close(t), 0);
+}
+
+TEST(OptimizeStatus, StatusFileName) {
+  char buf[4096];
+  EXPECT_STREQ(so_status_filename("/var/b", buf), "/var/b/optimize.result");
+  EXPECT_EQ(so_status_filename("x", buf), buf);
+}
+
+TEST(OptimizeStatus, ExistingStatusFileIsLeftAsItIs) {
+  setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "yes", 1);
+  ASSERT_EQ(st_init(), 0);
+  testutil::TempDir d;
+  testutil::write_file(d.file("optimize.result"), {'o', 'k'});
+  wrc w{};
+  EXPECT_EQ(st_optimize(d.path().c_str(), SO_MODE_FORCE, 1, 1, 8, 64, 0, nullptr, &w, 0, 0), 0);
+  EXPECT_EQ(testutil::read_file(d.file("optimize.result")), (std::vector<uint8_t>{'o', 'k'}));
+}
+
+}  // namespace
+}  // namespace tarnix
