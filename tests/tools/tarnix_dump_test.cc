@@ -1,0 +1,271 @@
+// tarnix-dump against a small file whose every byte the test's builder laid
+// out (so the expected output is known), and against a merged file, where
+// its posting lists must agree with the library's own posting reader.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "searchthing/hotslice.h"
+#include "searchthing/warmslice.h"
+#include "searchthing/warmslice_merge.h"
+#include "testutil/testutil.h"
+#include "tools/tsidx_builder.h"
+
+using namespace toolstest;
+using testutil::bin;
+using testutil::run;
+using testutil::TempDir;
+
+namespace {
+
+testutil::RunResult dump(const std::vector<std::string>& args) {
+  std::vector<std::string> argv{bin("tarnix-dump")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return run(argv);
+}
+
+const std::vector<tvalue> kValues = {
+    {500, 90, 3, 1, 2, 7}, {500, 80, 1, 2, 2, 7}, {450, 70, 0, 3, 1, 6}, {400, 60, 2, 0xFFFFFFFFu, 1, 5},
+    {390, 50, 5, 4, 9, 4}, {-5, 5, 1, 1, 1, 1},
+};
+const std::vector<tterm> kTerms = {
+    {"alpha", {0, 1, 2, 3, 4}}, {"alphabet", {1}}, {"alps", {2, 5}}, {"beta", {0, 5}},
+    {"betamax", {3, 4}},        {"tab\there", {4}}, {"zz", {0, 2, 4}},
+};
+
+class TarnixDump : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    file_ = build_index(kValues, kTerms, 4, true);
+    path_ = dir_.file("small.tsidx");
+    testutil::write_file(path_, file_.bytes);
+  }
+  TempDir dir_;
+  built_file file_;
+  std::string path_;
+};
+
+TEST_F(TarnixDump, HeaderShowsFieldsAndSections) {
+  for (const auto& args : {std::vector<std::string>{path_}, std::vector<std::string>{path_, "--header"}}) {
+    auto r = dump(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("magic         Tarnix6\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("num_values    6\n"), std::string::npos);
+    EXPECT_NE(r.out.find("num_postings  16\n"), std::string::npos);
+    EXPECT_NE(r.out.find("num_terms     7\n"), std::string::npos);
+    EXPECT_NE(r.out.find("lexicon       7 terms, 4 per block, 2 blocks"), std::string::npos);
+    char line[128];
+    snprintf(line, sizeof(line), "%-16s %12llu %12llu\n", "metadata", static_cast<unsigned long long>(file_.off.metadata),
+             84ull);
+    EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
+    snprintf(line, sizeof(line), "%-16s %12llu %12llu\n", "postings", static_cast<unsigned long long>(file_.postings_off),
+             static_cast<unsigned long long>(file_.bytes.size() - file_.postings_off));
+    EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
+  }
+}
+
+TEST_F(TarnixDump, TermsWithMetadataAndPrefix) {
+  auto r = dump({path_, "--terms"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "alpha\t5\t390\t500\n"
+            "alphabet\t1\t500\t500\n"
+            "alps\t2\t-5\t450\n"
+            "beta\t2\t-5\t500\n"
+            "betamax\t2\t390\t400\n"
+            "tab\\x09here\t1\t390\t390\n"
+            "zz\t3\t390\t500\n");
+  struct pcase {
+    const char* prefix;
+    const char* out;
+  };
+  const std::vector<pcase> cases = {
+      {"alp", "alpha\t5\t390\t500\nalphabet\t1\t500\t500\nalps\t2\t-5\t450\n"},
+      {"beta", "beta\t2\t-5\t500\nbetamax\t2\t390\t400\n"},
+      {"z", "zz\t3\t390\t500\n"},
+      {"q", ""},
+      {"zzz", ""},
+      {"", nullptr},  // every term
+  };
+  for (const pcase& c : cases) {
+    r = dump({path_, "--terms", "--prefix", c.prefix});
+    ASSERT_EQ(r.status, 0) << c.prefix << r.err;
+    if (c.out) {
+      EXPECT_EQ(r.out, c.out) << c.prefix;
+    } else {
+      EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 7) << r.out;
+    }
+  }
+}
+
+TEST_F(TarnixDump, PostingsValuesAndEvents) {
+  auto r = dump({path_, "--postings", "alpha"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "0\n1\n2\n3\n4\n");
+  r = dump({path_, "--postings", "tab\there"});
+  EXPECT_EQ(r.out, "4\n");
+  // The deleted value's source 0xFFFFFFFF makes the source column 32 bits
+  // wide, and a 32-bit element reads back as 0: sources show as 0, as the
+  // library's own reader sees them.
+  r = dump({path_, "--values", "--limit", "4"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "id\ttimestamp\taddress\tevent_type\tsource\tsource_type\thost\tdeleted\n"
+            "0\t500\t90\t3\t0\t2\t7\t0\n"
+            "1\t500\t80\t1\t0\t2\t7\t0\n"
+            "2\t450\t70\t0\t0\t1\t6\t0\n"
+            "3\t400\t60\t2\t4294967295\t1\t5\t1\n");
+  // Without a deleted value the source column is narrow and reads back whole.
+  std::vector<tvalue> live = kValues;
+  live[3].src = 4;
+  testutil::write_file(dir_.file("live.tsidx"), build_index(live, kTerms, 4, false).bytes);
+  r = dump({dir_.file("live.tsidx"), "--values", "--limit", "4"});
+  EXPECT_EQ(r.out,
+            "id\ttimestamp\taddress\tevent_type\tsource\tsource_type\thost\tdeleted\n"
+            "0\t500\t90\t3\t1\t2\t7\t0\n"
+            "1\t500\t80\t1\t2\t2\t7\t0\n"
+            "2\t450\t70\t0\t3\t1\t6\t0\n"
+            "3\t400\t60\t2\t4\t1\t5\t0\n");
+  r = dump({path_, "--values"});
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 7);
+  // Events holding "alpha", latest first, without the deleted value 3.
+  r = dump({path_, "--events", "alpha"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "timestamp\taddress\tevent_type\tsource\tsource_type\thost\n"
+            "500\t90\t3\t0\t2\t7\n"
+            "500\t80\t1\t0\t2\t7\n"
+            "450\t70\t0\t0\t1\t6\n"
+            "390\t50\t5\t0\t9\t4\n");
+}
+
+TEST_F(TarnixDump, JsonForm) {
+  auto r = dump({path_, "--json", "--terms", "--prefix", "alp", "--postings", "beta", "--values", "--limit", "1",
+                 "--events", "zz"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("\"terms\":[{\"term\":\"alpha\",\"count\":5,\"earliest\":390,\"latest\":500},"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("\"postings\":{\"term\":\"beta\",\"term_id\":3,\"ids\":[0,5]}"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"values\":[{\"id\":0,\"timestamp\":500,\"event_address\":90,\"event_type\":3,\"source\":0,"
+                       "\"source_type\":2,\"host\":7,\"deleted\":false}]"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("\"events\":{\"term\":\"zz\",\"events\":[{\"timestamp\":500"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("header"), std::string::npos) << "no header unless asked for";
+  r = dump({path_, "--json", "--terms", "--prefix", "tab"});
+  EXPECT_NE(r.out.find("\"term\":\"tab\\u0009here\""), std::string::npos) << r.out;
+}
+
+TEST_F(TarnixDump, FailuresAndUsage) {
+  struct ucase {
+    std::vector<std::string> args;
+    int status;
+    const char* err;
+  };
+  const std::vector<ucase> cases = {
+      {{path_, "--postings", "nope"}, 1, "is not in"},
+      {{path_, "--events", "alph"}, 1, "is not in"},
+      {{dir_.file("missing.tsidx")}, 1, "No such file"},
+      {{path_, "--bogus"}, 2, "usage: tarnix-dump"},
+      {{path_, "--postings"}, 2, "usage: tarnix-dump"},
+      {{path_, "--values", "--limit", "x"}, 2, "not a number"},
+      {{path_, "--prefix", "a"}, 2, "--prefix needs --terms"},
+      {{}, 2, "no FILE"},
+  };
+  for (const ucase& c : cases) {
+    std::vector<std::string> a = c.args;
+    auto r = dump(a);
+    EXPECT_EQ(r.status, c.status) << (a.empty() ? "" : a.back());
+    EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+  }
+  auto r = dump({"--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("--events TERM"), std::string::npos);
+  // A damaged posting list is reported, not followed.
+  std::vector<uint8_t> b = file_.bytes;
+  b[file_.list_starts[1]] = 0x7F;  // "alphabet" -> id 127
+  testutil::write_file(dir_.file("bad.tsidx"), b);
+  r = dump({dir_.file("bad.tsidx"), "--events", "alphabet"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("not below num_values"), std::string::npos) << r.err;
+}
+
+TEST(TarnixDumpLexicon, LexiconOnlyFileTerms) {
+  TempDir d;
+  testutil::write_file(d.file("merged_lexicon.lex"), build_lexicon_only({"a", "ab", "b"}, {3, 1, 4}, 2));
+  auto r = dump({d.file("merged_lexicon.lex"), "--terms"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "a\t3\nab\t1\nb\t4\n");
+  r = dump({d.file("merged_lexicon.lex"), "--postings", "a"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("no posting lists"), std::string::npos);
+}
+
+// ---- agreement with the library's reader on a merged file ---------------------------
+
+std::string write_slice(const std::string& dir, uint32_t seed) {
+  wrc w{};
+  hot_slice* hot = st_hot_slice_create(1 << 20, 1 << 14, 1 << 16, 1 << 12, 0, &w);
+  std::mt19937 rng(seed);
+  for (uint32_t i = 0; i < 200; ++i) {
+    const int32_t ts = static_cast<int32_t>(100 + rng() % 50);
+    for (int k = 0; k < 3; ++k) {
+      const std::string term = "w" + std::to_string(rng() % 60);
+      st_hot_slice_put(hot, term.c_str(), static_cast<uint32_t>(term.size()), ts, seed * 1000 + i, 1, 2, 3, 4);
+    }
+  }
+  char name[PATH_BUF_SZ];
+  warm* wm = st_warm_slice_create(hot, name, dir.c_str(), ".tsidx", &w);
+  EXPECT_NE(wm, nullptr);
+  if (wm) st_warm_slice_close(wm);
+  st_hot_slice_close(hot);
+  return name;
+}
+
+TEST(TarnixDumpAgreement, PostingsMatchTheLibraryReaderOnAMergedFile) {
+  TempDir d;
+  std::vector<int> fds;
+  for (uint32_t s = 1; s <= 4; ++s) fds.push_back(open(write_slice(d.path(), s).c_str(), O_RDONLY | O_CLOEXEC));
+  const std::string out = d.file("m.merge");
+  const int tfd = open(out.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  wrc w{};
+  ASSERT_EQ(st_warm_slice_merge_n(0, tfd, fds.data(), 4, 5, 0, &w, 0), 0) << w.message;
+  for (int fd : fds) close(fd);
+  close(tfd);
+
+  warm* wm = st_warm_slice_open(out.c_str(), 0, &w);
+  ASSERT_NE(wm, nullptr) << w.warm_rc;
+  auto terms = dump({out, "--terms"});
+  ASSERT_EQ(terms.status, 0) << terms.err;
+  std::istringstream lines(terms.out);
+  std::string line;
+  uint32_t n = 0;
+  while (std::getline(lines, line)) {
+    const std::string term = line.substr(0, line.find('\t'));
+    auto r = dump({out, "--postings", term});
+    ASSERT_EQ(r.status, 0) << term << r.err;
+    const uint32_t id = st_fclex_get(wm->lex, term.c_str(), nullptr);
+    ASSERT_EQ(id, n) << term;
+    plist_reader pr;
+    ASSERT_EQ(_init_reader(&pr, wm, 1024, nullptr), 0);
+    ASSERT_EQ(_seek_reader(&pr, id), 0);
+    std::string expect;
+    uint32_t v;
+    while (_next(&pr, &v) == 0 && v != END_OF_LIST) expect += std::to_string(v) + "\n";
+    close_plist_reader(&pr);
+    EXPECT_EQ(r.out, expect) << term;
+    ++n;
+  }
+  EXPECT_EQ(n, st_warm_slice_terms(wm));
+  st_warm_slice_close(wm);
+}
+
+}  // namespace
