@@ -1,0 +1,738 @@
+// N-way merge of index files. Phases, in order: source headers, values (id
+// mapping), attribute columns, lexicon (source bitmaps), posting lists and
+// their offset table (per-term counts), term metadata, and the target header
+// last. Every source is read with positional reads only, in large chunks;
+// the target is written in large positional writes. Memory: the id mapping
+// (4 bytes per source value), bitmaps and counts (4 bytes each per target
+// term), one column buffer per side, the lexicon writer's pages and fixed
+// per-source buffers.
+#include "searchthing/warmslice_merge.h"
+
+#include <errno.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "searchthing/check.h"
+#include "searchthing/codes.h"
+#include "searchthing/fclex.h"
+#include "searchthing/warmslice.h"
+
+namespace tarnix {
+
+namespace {
+
+struct free_deleter {
+  void operator()(void* p) const noexcept { free(p); }
+};
+template <class T>
+using c_ptr = std::unique_ptr<T, free_deleter>;
+
+template <class T>
+c_ptr<T> c_alloc(uint64_t n, bool zero) noexcept {
+  const uint64_t bytes = std::max<uint64_t>(n, 1) * sizeof(T);
+  return c_ptr<T>(static_cast<T*>(zero ? calloc(1, bytes) : malloc(bytes)));
+}
+
+bool pread_all(int fd, void* buf, uint64_t n, uint64_t off) noexcept {
+  auto* p = static_cast<uint8_t*>(buf);
+  while (n > 0) {
+    ssize_t k = pread(fd, p, n, static_cast<off_t>(off));
+    if (k < 0 && errno == EINTR) continue;
+    if (k <= 0) return false;
+    p += k;
+    n -= static_cast<uint64_t>(k);
+    off += static_cast<uint64_t>(k);
+  }
+  return true;
+}
+
+bool pwrite_all(int fd, const void* buf, uint64_t n, uint64_t off) noexcept {
+  auto* p = static_cast<const uint8_t*>(buf);
+  while (n > 0) {
+    ssize_t k = pwrite(fd, p, n, static_cast<off_t>(off));
+    if (k < 0 && errno == EINTR) continue;
+    if (k <= 0) return false;
+    p += k;
+    n -= static_cast<uint64_t>(k);
+    off += static_cast<uint64_t>(k);
+  }
+  return true;
+}
+
+// Length of an open file, or UINT64_MAX when it cannot be had (no check).
+uint64_t file_length(int fd) noexcept {
+  struct stat st;
+  if (fstat(fd, &st) != 0 || st.st_size < 0) return UINT64_MAX;
+  return static_cast<uint64_t>(st.st_size);
+}
+
+// ---- Columns ----------------------------------------------------------------------
+
+using hdr_word_fn = uint32_t (*)(const warm_header*) noexcept;
+using hdr_offset_fn = file_offset_t (*)(const warm_header*) noexcept;
+
+struct column_desc {
+  hdr_word_fn get_nbits;
+  hdr_word_fn get_size;
+  hdr_offset_fn get_offset;
+  hdr_field nbits_field;
+  hdr_field size_field;
+};
+
+// The five attribute columns, in the order they are merged and laid out.
+constexpr column_desc COLUMNS[] = {
+    {et_nbits, et_size, _offset_et_array, HDR_ET_NBITS, HDR_ET_SIZE},
+    {s_nbits, s_size, _offset_s_array, HDR_S_NBITS, HDR_S_SIZE},
+    {st_nbits, st_size, _offset_st_array, HDR_ST_NBITS, HDR_ST_SIZE},
+    {h_nbits, h_size, _offset_h_array, HDR_H_NBITS, HDR_H_SIZE},
+    {get_nbits_d, d_size, _offset_d_array, HDR_D_NBITS, HDR_D_SIZE},
+};
+
+// Bytes that the elements of an n-value column of nbits bits occupy.
+constexpr uint64_t column_bytes_needed(uint64_t n, uint64_t nbits) noexcept { return (n * nbits + 7) / 8; }
+
+// Header fields that the column merge would trust blindly: widths outside
+// 1..32 (the deleted flag exactly 1) or a size too small for the elements.
+// Returns the index of the first bad source, or -1.
+int64_t first_bad_column_header(const warm_header* hdrs, uint32_t src_count) noexcept {
+  for (uint32_t i = 0; i < src_count; ++i) {
+    const warm_header* h = &hdrs[i];
+    if (d_nbits(h) != 1) return i;
+    for (const column_desc& c : COLUMNS) {
+      const uint32_t nb = c.nbits_field == HDR_D_NBITS ? d_nbits(h) : c.get_nbits(h);
+      if (nb == 0 || nb > 32 || c.get_size(h) < column_bytes_needed(hdr_num_values(h), nb)) return i;
+    }
+  }
+  return -1;
+}
+
+// ---- Values ------------------------------------------------------------------------
+
+struct value_cxt {
+  uint32_t* slice;       // this source's part of the id mapping
+  tsval_reader reader;   // partial: value records only
+  uint32_t cursor;       // next unconsumed value
+};
+
+struct value_writer {
+  int fd;
+  uint32_t cursor;  // values put so far = the next value's new id
+  uint32_t bidx;    // records in buf
+  uint8_t buf[4096 * TSVAL_RECORD_SZ];
+  uint8_t last[TSVAL_RECORD_SZ];
+};
+
+int value_writer_put(value_writer* writer, const uint8_t rec[TSVAL_RECORD_SZ]) noexcept {
+  if (writer->bidx == 4096) {
+    const uint64_t off = WARM_HEADER_REGION_SZ + TSVAL_RECORD_SZ * (uint64_t{writer->cursor} - writer->bidx);
+    if (!pwrite_all(writer->fd, writer->buf, sizeof(writer->buf), off)) return WS_EWRITE;
+    writer->bidx = 0;
+  }
+  ST_ASSERT_TEXT(writer->bidx < (sizeof(writer->buf) / TSVAL_RECORD_SZ),
+                 "writer->bidx < (sizeof(writer->buf) / sizeof(0[writer->buf]))");
+  memcpy(writer->buf + TSVAL_RECORD_SZ * writer->bidx, rec, TSVAL_RECORD_SZ);
+  writer->bidx++;
+  memcpy(writer->last, rec, TSVAL_RECORD_SZ);
+  writer->cursor++;
+  ST_ASSERT_TEXT(writer->cursor > 0, "writer.cursor > 0");
+  return WS_SUCCESS;
+}
+
+// ---- Postings ------------------------------------------------------------------------
+
+inline constexpr uint32_t PLO_CACHE_ENTRIES = 0x100000;
+
+struct posting_src {
+  plist_reader reader;
+  uint32_t head;         // target id of the current posting, UINT_MAX when none
+  uint32_t term_cursor;  // next source term to read
+  const uint32_t* slice; // this source's part of the id mapping
+  uint32_t num_values;   // ids at or above this are corrupt
+  bool open;
+};
+
+// Translates a source id; ids beyond the source's values are corrupt data.
+inline int translate(posting_src* s, uint32_t id) noexcept {
+  if (id >= s->num_values) return WS_EDATA;
+  s->head = s->slice[id];
+  return WS_SUCCESS;
+}
+
+}  // namespace
+
+uint32_t get_nbits_d(const warm_header* h) noexcept {
+  ST_ASSERT_TEXT(d_nbits(h) == 1, "__bswap_32 (header->d_nbits) == 1");
+  return 1;
+}
+
+warm_header* _read_src_headers(const int* src_fds, uint32_t src_count, wrc* w) noexcept {
+  c_ptr<warm_header> hdrs = c_alloc<warm_header>(src_count, true);
+  if (!hdrs) {
+    _set_rc(w, WS_ENOMEM);
+    return nullptr;
+  }
+  for (uint32_t i = 0; i < src_count; ++i) {
+    warm_header* h = hdrs.get() + i;
+    if (!pread_all(src_fds[i], h->b, WARM_HEADER_SZ, 0)) {
+      _set_rc_verbose(w, WS_EREAD, static_cast<int>(i), "pread warm header failure");
+      return nullptr;
+    }
+    if (!verify_magic(h)) {
+      _set_rc_verbose(w, WS_EMAGIC, static_cast<int>(i), "invalid magic");
+      return nullptr;
+    }
+  }
+  return hdrs.release();
+}
+
+uint32_t* _merge_values(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, int tgt_fd,
+                        warm_header* tgt_hdr, wrc* w, int tstats) noexcept {
+  _set_rc(w, WS_SUCCESS);
+  c_ptr<value_cxt> cxts = c_alloc<value_cxt>(src_count, true);
+  if (!cxts) {
+    _set_rc(w, WS_ENOMEM);
+    return nullptr;
+  }
+  value_cxt* cx = cxts.get();
+  uint32_t opened = 0;
+  auto close_readers = [&]() noexcept {
+    for (uint32_t i = 0; i < opened; ++i) _tsval_reader_close(&cx[i].reader);
+  };
+  uint64_t total = 0;
+  for (uint32_t i = 0; i < src_count; ++i) {
+    const uint32_t n = hdr_num_values(&src_hdrs[i]);
+    int rc = _tsval_reader_open_partial(&cx[i].reader, src_fds[i], n, _offset_values(&src_hdrs[i]), 4096);
+    if (rc != 0) {
+      _set_rc_verbose(w, rc, static_cast<int>(i), "_tsval_reader_open_partial in _merge_values");
+      close_readers();
+      return nullptr;
+    }
+    opened++;
+    total += n;
+  }
+  // A header that claims more values than its file holds would fail with a
+  // short read while merging; refuse it before the mapping is sized by it.
+  for (uint32_t i = 0; i < src_count; ++i) {
+    const uint64_t need = _offset_values(&src_hdrs[i]) + TSVAL_RECORD_SZ * uint64_t{hdr_num_values(&src_hdrs[i])};
+    if (file_length(src_fds[i]) < need) {
+      _set_rc(w, WS_EREAD);
+      close_readers();
+      return nullptr;
+    }
+  }
+  c_ptr<uint32_t> mapping = c_alloc<uint32_t>(total, true);
+  if (!mapping) {
+    _set_rc(w, WS_ENOMEM);
+    close_readers();
+    return nullptr;
+  }
+  uint64_t start = 0;
+  for (uint32_t i = 0; i < src_count; ++i) {
+    cx[i].slice = mapping.get() + start;
+    start += hdr_num_values(&src_hdrs[i]);
+  }
+
+  c_ptr<value_writer> wp = c_alloc<value_writer>(1, false);
+  if (!wp) {
+    _set_rc(w, WS_ENOMEM);
+    close_readers();
+    return nullptr;
+  }
+  value_writer& writer = *wp;
+  writer.fd = tgt_fd;
+  writer.cursor = 0;
+  writer.bidx = 0;
+
+  tsval best{};
+  tsval second{};
+  tsval scratch{};
+  for (;;) {
+    // Ties keep the earlier source as best, and the earlier of equal
+    // runners-up as second: a later source wins only when strictly below.
+    int64_t best_i = -1;
+    int64_t second_i = -1;
+    uint32_t active = 0;
+    for (uint32_t i = 0; i < src_count; ++i) {
+      if (cx[i].cursor == cx[i].reader._num_values) continue;
+      int rc = _tsval_reader_decode(&cx[i].reader, cx[i].cursor, &scratch);
+      if (rc != 0) {
+        _set_rc(w, rc);
+        goto done;
+      }
+      active++;
+      if (best_i < 0) {
+        best_i = i;
+        best = scratch;
+      } else if (st_tsval_compare(&scratch, &best) < 0) {
+        second_i = best_i;
+        second = best;
+        best_i = i;
+        best = scratch;
+      } else if (second_i < 0 || st_tsval_compare(&scratch, &second) < 0) {
+        second_i = i;
+        second = scratch;
+      }
+    }
+    if (active == 0) break;
+    {
+      value_cxt* cxt = &cx[best_i];
+      for (;;) {
+        // At equal records the draining source goes on, so the earlier
+        // source's copy is taken first.
+        if (active > 1 && st_tsval_compare(&best, &second) > 0) break;
+        ST_ASSERT_TEXT(cxt->cursor < cxt->reader._num_values, "cxt->cursor < cxt->reader._num_values");
+        uint8_t rec[TSVAL_RECORD_SZ];
+        store_be32(rec, static_cast<uint32_t>(best.timestamp));
+        store_be32(rec + 4, best.event_address);
+        uint32_t new_id;
+        if (tstats == 0 && writer.cursor != 0 && memcmp(rec, writer.last, TSVAL_RECORD_SZ) == 0) {
+          new_id = writer.cursor - 1;  // a duplicate shares the first copy's id
+        } else {
+          int rc = value_writer_put(&writer, rec);
+          if (rc != 0) {
+            _set_rc(w, rc);
+            goto done;
+          }
+          new_id = writer.cursor - 1;
+        }
+        cxt->slice[cxt->cursor] = new_id;
+        cxt->cursor++;
+        if (cxt->cursor == cxt->reader._num_values) break;
+        int rc = _tsval_reader_decode(&cxt->reader, cxt->cursor, &best);
+        if (rc != 0) {
+          _set_rc(w, rc);
+          goto done;
+        }
+      }
+    }
+  }
+  hdr_set(tgt_hdr, HDR_NUM_VALUES, writer.cursor);
+  if (writer.bidx > 0) {
+    const uint64_t off = _offset_values(tgt_hdr) + TSVAL_RECORD_SZ * (uint64_t{writer.cursor} - writer.bidx);
+    if (!pwrite_all(tgt_fd, writer.buf, TSVAL_RECORD_SZ * uint64_t{writer.bidx}, off)) _set_rc(w, WS_EWRITE);
+  }
+done:
+  writer.fd = -1;
+  close_readers();
+  if (w->warm_rc != WS_SUCCESS) return nullptr;
+  return mapping.release();
+}
+
+int _merge_array(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, const uint32_t* mapping,
+                 int tgt_fd, warm_header* tgt_hdr, wrc* w) noexcept {
+  // The element loops below index by the header's widths and sizes; a
+  // header that would make them reach outside the column is corrupt.
+  int64_t bad = first_bad_column_header(src_hdrs, src_count);
+  if (bad >= 0) return _set_rc_verbose(w, WS_EDATA, static_cast<int>(bad), "invalid column header in _merge_arrays");
+
+  const uint32_t tgt_values = hdr_num_values(tgt_hdr);
+  for (const column_desc& c : COLUMNS) {
+    uint32_t width = src_count > 0 ? c.get_nbits(&src_hdrs[0]) : 0;
+    for (uint32_t i = 1; i < src_count; ++i) width = std::max(width, c.get_nbits(&src_hdrs[i]));
+    hdr_set(tgt_hdr, c.nbits_field, width);
+    hdr_set(tgt_hdr, c.size_field, static_cast<uint32_t>(column_size(tgt_values, width)));
+  }
+  _set_rc(w, WS_SUCCESS);
+
+  // A column that lies beyond the end of its file would fail with a short
+  // read; find the first such (column, source) before sizing buffers by it.
+  uint64_t lengths[32];
+  for (uint32_t i = 0; i < src_count && i < 32; ++i) lengths[i] = file_length(src_fds[i]);
+  for (const column_desc& c : COLUMNS) {
+    for (uint32_t i = 0; i < src_count; ++i) {
+      const uint64_t len = i < 32 ? lengths[i] : file_length(src_fds[i]);
+      if (c.get_offset(&src_hdrs[i]) + c.get_size(&src_hdrs[i]) > len) {
+        return _set_rc_verbose(w, WS_EREAD, static_cast<int>(i), "pread for _merge_arrays");
+      }
+    }
+  }
+
+  uint64_t tgt_ar_cap = 0;
+  uint64_t src_ar_cap = 0;
+  for (const column_desc& c : COLUMNS) {
+    tgt_ar_cap = std::max<uint64_t>(tgt_ar_cap, c.get_size(tgt_hdr));
+    for (uint32_t i = 0; i < src_count; ++i) src_ar_cap = std::max<uint64_t>(src_ar_cap, c.get_size(&src_hdrs[i]));
+  }
+  c_ptr<uint8_t> tgt_buf = c_alloc<uint8_t>(tgt_ar_cap, false);
+  c_ptr<uint8_t> src_buf = c_alloc<uint8_t>(src_ar_cap, false);
+  if (!tgt_buf || !src_buf) return _set_rc(w, WS_ENOMEM);
+
+  for (const column_desc& c : COLUMNS) {
+    const uint32_t tgt_array_size = c.get_size(tgt_hdr);
+    const uint32_t tgt_width = c.get_nbits(tgt_hdr);
+    ST_ASSERT(tgt_array_size <= tgt_ar_cap);
+    memset(tgt_buf.get(), 0, tgt_array_size);
+    const uint32_t* slice = mapping;
+    for (uint32_t i = 0; i < src_count; ++i) {
+      const warm_header* sh = &src_hdrs[i];
+      const uint32_t width = c.get_nbits(sh);
+      const uint32_t size = c.get_size(sh);
+      const uint64_t off = c.get_offset(sh);
+      ST_ASSERT_TEXT(off % 8 == 0, "get_offset(&src_hdrs[i]) % 8 == 0");
+      ST_ASSERT(size <= src_ar_cap);
+      if (!pread_all(src_fds[i], src_buf.get(), size, off)) {
+        return _set_rc_verbose(w, WS_EREAD, static_cast<int>(i), "pread for _merge_arrays");
+      }
+      // Elements are re-placed, never translated; a later source's element
+      // overwrites an earlier one at the same target value.
+      const uint32_t n = hdr_num_values(sh);
+      const uint8_t* src = src_buf.get();
+      uint8_t* tgt = tgt_buf.get();
+      for (uint32_t j = 0; j < n; ++j) {
+        encode_to_byte_str(tgt, decode_from_byte_str(src, j, width), slice[j], tgt_width);
+      }
+      slice += n;
+    }
+    const uint64_t tgt_off = c.get_offset(tgt_hdr);
+    ST_ASSERT_TEXT(tgt_off % 8 == 0, "get_offset( tgt_hdr ) % 8 == 0");
+    if (!pwrite_all(tgt_fd, tgt_buf.get(), tgt_array_size, tgt_off)) return _set_rc(w, WS_EWRITE);
+  }
+  return WS_SUCCESS;
+}
+
+int _merge_lexicon(int verbose, const int* src_fds, const warm_header* src_hdrs, uint32_t src_count,
+                   uint32_t lex_tpb, uint64_t page_size, int tgt_fd, warm_header* tgt_hdr, bmap_t** which_srcs_o,
+                   uint64_t* postings_start, uint64_t* tgt_postings_start, wrc* w) noexcept {
+  *which_srcs_o = nullptr;
+  const bmap_t bm_probe = 0;
+  ST_ASSERT_TEXT(src_count <= _bmap_size_bits(bm_probe), "src_sz <= _bmap_size_bits( *which_srcs_o )");
+  // A source without terms has no lexicon to read (its section cannot hold
+  // zero terms); it takes no part and gets no bit.
+  int fds[32];
+  uint64_t offsets[32];
+  uint64_t ends[32];
+  uint32_t index_of[32];
+  uint32_t active = 0;
+  for (uint32_t i = 0; i < src_count; ++i) {
+    postings_start[i] = _offset_fclex(&src_hdrs[i]);
+    if (hdr_num_terms(&src_hdrs[i]) == 0) continue;
+    fds[active] = src_fds[i];
+    offsets[active] = _offset_fclex(&src_hdrs[i]);
+    index_of[active] = i;
+    active++;
+  }
+  uint32_t num_terms = 0;
+  bmap_t* which = nullptr;
+  lex_writer writer{};
+  if (active > 0) {
+    int rc = st_fclex_merge_n(verbose, fds, offsets, active, lex_tpb, page_size, &writer, &num_terms, &which, ends, w);
+    if (rc != 0 || w->warm_rc != 0) {
+      // Codes recorded by the lexicon merge name the index among the
+      // sources that took part; give them the caller's numbering.
+      if (w->source_index >= 0 && static_cast<uint32_t>(w->source_index) < active) {
+        w->source_index = static_cast<int32_t>(index_of[w->source_index]);
+      }
+      _lex_writer_discard(&writer);
+      _bmap_free(which);
+      return w->warm_rc != 0 ? w->warm_rc : rc;
+    }
+  }
+  if (num_terms == 0) {
+    if (active > 0) _lex_writer_discard(&writer);
+    _bmap_free(which);
+    return _set_rc(w, WS_ENOTAVAIL);
+  }
+  if (active != src_count) {
+    // Bits name positions among the sources that took part.
+    for (uint32_t t = 0; t < num_terms; ++t) {
+      bmap_t in = which[t];
+      bmap_t out = 0;
+      for (uint32_t k = 0; k < active; ++k) {
+        if (in & (bmap_t{1} << k)) out |= bmap_t{1} << index_of[k];
+      }
+      which[t] = out;
+    }
+  }
+  for (uint32_t k = 0; k < active; ++k) postings_start[index_of[k]] = ends[k];
+
+  hdr_set(tgt_hdr, HDR_NUM_TERMS, num_terms);
+  int rc = _lex_writer_close(verbose, &writer, tgt_fd, _offset_fclex(tgt_hdr), tgt_postings_start);
+  if (rc != 0) {
+    _bmap_free(which);
+    return _set_rc(w, rc);
+  }
+  // Versions 3 to 5: the postings follow a second, reverse lexicon.
+  for (uint32_t k = 0; k < active; ++k) {
+    const uint32_t i = index_of[k];
+    if (!_has_reverse_lex(&src_hdrs[i])) continue;
+    const uint64_t off = (postings_start[i] + 3) & ~uint64_t{3};
+    const uint64_t size = st_fclex_size_fd(src_fds[i], off);
+    if (size == 0) {
+      _bmap_free(which);
+      return _set_rc_verbose(w, WS_ELEX, static_cast<int>(i), "st_fclex_size_fd for reverse lex");
+    }
+    postings_start[i] = off + size;
+  }
+  *which_srcs_o = which;
+  return WS_SUCCESS;
+}
+
+int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
+                          uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs, uint32_t* counts,
+                          uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start, warm_header* tgt_hdr,
+                          wrc* w) noexcept {
+  c_ptr<posting_src> srcs_owner = c_alloc<posting_src>(src_count, true);
+  c_ptr<plw> writer_owner = c_alloc<plw>(1, false);
+  if (!srcs_owner || !writer_owner) return _set_rc(w, WS_ENOMEM);
+  if (tgt_postings_start == 0) return _set_rc(w, WS_ENOTAVAIL);
+  posting_src* srcs = srcs_owner.get();
+  plw* writer = writer_owner.get();
+  aw table{};
+  table.fd = -1;
+  auto cleanup = [&]() noexcept {
+    for (uint32_t i = 0; i < src_count; ++i) {
+      if (srcs[i].open) close_plist_reader(&srcs[i].reader);
+    }
+    if (table.buf != nullptr) _aw_close(&table);
+  };
+  _plist_writer_open(writer, tgt_fd, tgt_postings_start);
+
+  const uint32_t* slice = mapping;
+  for (uint32_t i = 0; i < src_count; ++i) {
+    const warm_header* sh = &src_hdrs[i];
+    const uint32_t n_terms = hdr_num_terms(sh);
+    const uint64_t table_off = _offset_pl_offs(sh);
+    const uint32_t plo_size = _get_plo_size(sh);
+    const uint64_t postings_size =
+        _pl_offset(table_off, n_terms, src_fds[i], plo_size == 8, static_cast<int64_t>(n_terms) - 1);
+    int rc = _init_reader_helper(&srcs[i].reader, src_fds[i], table_off, n_terms, plo_size, postings_start[i],
+                                 postings_size, PLO_CACHE_ENTRIES, nullptr);
+    if (rc != 0) {
+      _set_rc_verbose(w, rc, static_cast<int>(i), "_init_reader_helper in _merge_all_postings_n");
+      cleanup();
+      return rc;
+    }
+    srcs[i].open = true;
+    srcs[i].head = UINT_MAX;
+    srcs[i].term_cursor = 0;
+    srcs[i].slice = slice;
+    srcs[i].num_values = hdr_num_values(sh);
+    slice += srcs[i].num_values;
+  }
+
+  int rc = _aw_open(&table, tgt_fd, _offset_pl_offs(tgt_hdr), 8, 512);
+  if (rc != 0) {
+    _set_rc(w, rc);
+    cleanup();
+    return rc;
+  }
+  const uint32_t src_sz = src_count;
+  uint32_t total = 0;
+  for (uint32_t t = 0; t < num_terms; ++t) {
+    const bmap_t bm = which_srcs[t];
+    ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bm), "src_sz <= _bmap_size_bits( &bm )");
+    uint32_t members[32];
+    uint32_t n_members = 0;
+    for (uint32_t i = 0; i < src_count; ++i) {
+      if (!_bmap_is_set(&bm, i)) continue;
+      posting_src* s = &srcs[i];
+      if ((rc = _seek_reader(&s->reader, s->term_cursor)) != 0) {
+        _set_rc_verbose(w, rc, static_cast<int>(i), "_seek_reader in _merge_all_postings");
+        cleanup();
+        return rc;
+      }
+      s->term_cursor++;
+      uint32_t id;
+      if ((rc = _next(&s->reader, &id)) != 0) {
+        _set_rc_verbose(w, rc, static_cast<int>(i), "_next in _merge_all_postings");
+        cleanup();
+        return rc;
+      }
+      if (id == UINT_MAX) {
+        _set_rc_verbose(w, WS_ENOTAVAIL, static_cast<int>(i), "src_tsval_id is UINT_MAX in _merge_all_postings");
+        cleanup();
+        return WS_ENOTAVAIL;
+      }
+      if ((rc = translate(s, id)) != 0) {
+        _set_rc_verbose(w, rc, static_cast<int>(i), "src_tsval_id beyond the values in _merge_all_postings");
+        cleanup();
+        return rc;
+      }
+      members[n_members++] = i;
+    }
+    // Source lists ascend strictly (the reader refuses anything else) and
+    // the value merge hands out ids in the order it consumes each source,
+    // so every source's heads ascend and the merged list never goes back.
+    _plist_writer_start_term(writer);
+    for (;;) {
+      // Smallest head first; a later source replaces the best (or second)
+      // only when strictly smaller, so ties go to the earlier source.
+      posting_src* best = nullptr;
+      posting_src* second = nullptr;
+      for (uint32_t k = 0; k < n_members; ++k) {
+        posting_src* s = &srcs[members[k]];
+        if (s->head == UINT_MAX) continue;
+        if (best == nullptr) {
+          best = s;
+        } else if (s->head < best->head) {
+          second = best;
+          best = s;
+        } else if (second == nullptr || s->head < second->head) {
+          second = s;
+        }
+      }
+      if (best == nullptr) break;
+      while (second == nullptr || best->head <= second->head) {
+        if ((rc = _plist_writer_put(writer, best->head)) != 0) {
+          _set_rc(w, rc);
+          cleanup();
+          return rc;
+        }
+        uint32_t id;
+        if ((rc = _next(&best->reader, &id)) != 0) {
+          _set_rc(w, rc);
+          cleanup();
+          return rc;
+        }
+        if (id == UINT_MAX) {
+          best->head = UINT_MAX;
+          break;
+        }
+        if ((rc = translate(best, id)) != 0) {
+          _set_rc(w, rc);
+          cleanup();
+          return rc;
+        }
+      }
+    }
+    _plist_writer_end_term(writer);
+    _set_rc(w, WS_SUCCESS);
+    // Ids that the value merge made one appear once: the count is of
+    // distinct ids.
+    counts[t] = be32(writer->count_forterm);
+    total += writer->count_forterm;
+    uint8_t entry[8];
+    store_be64(entry, writer->total);
+    if ((rc = _aw_write(&table, entry, 8)) != 0) {
+      _set_rc(w, rc);
+      cleanup();
+      return rc;
+    }
+  }
+  rc = _aw_close(&table);
+  if (rc != 0) {
+    _set_rc(w, rc);
+    cleanup();
+    return rc;
+  }
+  (void)_plist_writer_close(writer);  // not checked, as it always was
+  hdr_set(tgt_hdr, HDR_NUM_POSTINGS, total);
+  cleanup();
+  return WS_SUCCESS;
+}
+
+int _merge_metadata(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, const bmap_t* which_srcs,
+                    const uint32_t* counts, int tgt_fd, const warm_header* tgt_hdr, wrc* w) noexcept {
+  c_ptr<ar_reader> readers_owner = c_alloc<ar_reader>(src_count, true);
+  if (!readers_owner) {
+    _set_rc(w, WS_ENOMEM);
+    return WS_SUCCESS;  // the failure is seen in w only
+  }
+  ar_reader* readers = readers_owner.get();
+  const bool full = _has_full_metadata(tgt_hdr);
+  const uint64_t entry_sz = full ? TERM_METADATA_SZ : SHORT_METADATA_SZ;
+  aw out{};
+  int rc = _aw_open(&out, tgt_fd, _offset_metadata(tgt_hdr), entry_sz, full ? 341 : 1024);
+  if (rc != 0) return _set_rc(w, rc);
+  auto cleanup = [&]() noexcept {
+    for (uint32_t i = 0; i < src_count; ++i) _ar_close(&readers[i]);
+    if (out.buf != nullptr) _aw_close(&out);
+  };
+  for (uint32_t si = 0; si < src_count; ++si) {
+    ST_ASSERT_TEXT((_has_full_metadata(&src_hdrs[si]) ? TERM_METADATA_SZ : SHORT_METADATA_SZ) == TERM_METADATA_SZ,
+                   "(_has_full_metadata(&src_hdrs[si]) ? sizeof( struct st_term_metadata ) : sizeof( unsigned )) "
+                   "== sizeof( struct st_term_metadata )");
+    rc = _ar_open(&readers[si], src_fds[si], _offset_metadata(&src_hdrs[si]), TERM_METADATA_SZ,
+                  hdr_num_terms(&src_hdrs[si]), 341, nullptr);
+    if (rc != 0) {
+      _set_rc_verbose(w, rc, static_cast<int>(si), "_ar_open");
+      cleanup();
+      return rc;
+    }
+  }
+  const uint32_t num_terms = hdr_num_terms(tgt_hdr);
+  for (uint32_t t = 0; t < num_terms; ++t) {
+    const bmap_t bm = which_srcs[t];
+    int32_t earliest = INT_MAX;
+    int32_t latest = INT_MIN;
+    uint32_t sum = 0;
+    bool first = true;
+    for (uint32_t i = 0; i < src_count; ++i) {
+      if (!_bmap_is_set(&bm, i)) continue;
+      const uint8_t* rec = _ar_get(&readers[i], TERM_METADATA_SZ, w);
+      if (rec == nullptr) {
+        rc = _set_rc_verbose(w, w->warm_rc, static_cast<int>(i), "_ar_get for metadata");
+        cleanup();
+        return rc;
+      }
+      const int32_t e = static_cast<int32_t>(load_be32(rec + 4));
+      const int32_t l = static_cast<int32_t>(load_be32(rec + 8));
+      if (first || e < earliest) earliest = e;
+      if (first || l > latest) latest = l;
+      first = false;
+      sum += load_be32(rec);
+    }
+    uint8_t entry[TERM_METADATA_SZ];
+    store_be32(entry, counts != nullptr ? be32(counts[t]) : sum);
+    store_be32(entry + 4, static_cast<uint32_t>(earliest));
+    store_be32(entry + 8, static_cast<uint32_t>(latest));
+    if ((rc = _aw_write(&out, entry, entry_sz)) != 0) {
+      _set_rc(w, rc);
+      cleanup();
+      return rc;
+    }
+  }
+  rc = _aw_close(&out);
+  if (rc != 0) _set_rc(w, rc);
+  cleanup();
+  return rc;
+}
+
+int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t src_count, uint32_t lex_tpb,
+                          uint64_t page_size, wrc* w, int tstats) noexcept {
+  _set_rc(w, WS_SUCCESS);
+  warm_header tgt_hdr{};
+  _init_magic(&tgt_hdr);
+
+  c_ptr<warm_header> src_hdrs(_read_src_headers(src_fds, src_count, w));
+  if (!src_hdrs) return w->warm_rc;
+
+  c_ptr<uint32_t> mapping(_merge_values(src_fds, src_hdrs.get(), src_count, tgt_fd, &tgt_hdr, w, tstats));
+  if (!mapping) return w->warm_rc;
+
+  if (_merge_array(src_fds, src_hdrs.get(), src_count, mapping.get(), tgt_fd, &tgt_hdr, w) != 0) return w->warm_rc;
+
+  uint64_t postings_start[32] = {};
+  uint64_t tgt_postings_start = 0;
+  bmap_t* which_raw = nullptr;
+  if (_merge_lexicon(verbose, src_fds, src_hdrs.get(), src_count, lex_tpb, page_size, tgt_fd, &tgt_hdr, &which_raw,
+                     postings_start, &tgt_postings_start, w) != 0) {
+    return w->warm_rc;
+  }
+  std::unique_ptr<bmap_t, void (*)(bmap_t*) noexcept> which_srcs(which_raw, _bmap_free);
+  const uint32_t num_terms = hdr_num_terms(&tgt_hdr);
+
+  c_ptr<uint32_t> counts = c_alloc<uint32_t>(num_terms, false);
+  if (!counts) return _set_rc(w, WS_ENOMEM);
+
+  if (_merge_all_postings_n(src_fds, src_hdrs.get(), postings_start, src_count, mapping.get(), which_srcs.get(),
+                            counts.get(), num_terms, tgt_fd, tgt_postings_start, &tgt_hdr, w) != 0) {
+    return w->warm_rc;
+  }
+  mapping.reset();
+  int rc = _merge_metadata(src_fds, src_hdrs.get(), src_count, which_srcs.get(), counts.get(), tgt_fd, &tgt_hdr, w);
+  if (rc != 0 || w->warm_rc != 0) return w->warm_rc != 0 ? w->warm_rc : rc;
+  which_srcs.reset();
+
+  // Last, so that a target whose merge failed never carries a valid header.
+  if (!pwrite_all(tgt_fd, tgt_hdr.b, WARM_HEADER_SZ, 0)) return _set_rc(w, WS_EWRITE);
+  return w->warm_rc;
+}
+
+}  // namespace tarnix

@@ -1,0 +1,624 @@
+// N-way merge of index files: worked examples of the value, posting and
+// metadata merges, the driver's failure table, mixed versions, and a
+// property test over groups written by the index file writer, all checked
+// against an independent parse of the target's bytes and a model merge.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "searchthing/codes.h"
+#include "searchthing/hotslice.h"
+#include "searchthing/warmslice.h"
+#include "searchthing/warmslice_merge.h"
+#include "testutil/oldformat_merge.h"
+#include "testutil/testutil.h"
+
+namespace tarnix {
+namespace {
+
+using testutil::ModelFile;
+using testutil::ModelTerm;
+using testutil::ModelValue;
+using bytes = std::vector<uint8_t>;
+
+// The model of a merge: values in the value merge's order, equal
+// (timestamp, address) neighbours made one unless tstats, the columns of the
+// last copy in source order, the lists through the mapping.
+ModelFile reference_merge(const std::vector<ModelFile>& srcs, bool tstats, uint32_t tperb,
+                          std::vector<std::vector<uint32_t>>* mapping_out = nullptr) {
+  struct Entry {
+    ModelValue v;
+    uint32_t src, j;
+  };
+  auto key_less = [](const ModelValue& a, const ModelValue& b) {  // a is written before b
+    return a.ts != b.ts ? a.ts > b.ts : a.addr > b.addr;
+  };
+  // Taken in the value merge's order: pick the first of the smallest heads
+  // (ties: earlier source), drain it while its head is not after the
+  // runner-up's (so at equal heads the draining source goes on).
+  std::vector<Entry> all;
+  std::vector<uint32_t> cur(srcs.size(), 0);
+  auto head = [&](uint32_t s) {
+    ModelValue v = srcs[s].values[cur[s]];
+    // A 32-bit column element always reads as 0 (the decode's mask quirk).
+    if (srcs[s].nbits[0] == 32) v.et = 0;
+    if (srcs[s].nbits[1] == 32 && !v.deleted) v.src = 0;
+    if (srcs[s].nbits[2] == 32) v.stype = 0;
+    if (srcs[s].nbits[3] == 32) v.host = 0;
+    return v;
+  };
+  for (;;) {
+    int best = -1, second = -1;
+    for (uint32_t s = 0; s < srcs.size(); ++s) {
+      if (cur[s] == srcs[s].values.size()) continue;
+      if (best < 0) {
+        best = static_cast<int>(s);
+      } else if (key_less(head(s), head(best))) {
+        second = best;
+        best = static_cast<int>(s);
+      } else if (second < 0 || key_less(head(s), head(second))) {
+        second = static_cast<int>(s);
+      }
+    }
+    if (best < 0) break;
+    while (cur[best] < srcs[best].values.size() && (second < 0 || !key_less(head(second), head(best)))) {
+      all.push_back({head(best), static_cast<uint32_t>(best), cur[best]});
+      cur[best]++;
+    }
+  }
+  ModelFile out;
+  out.tperb = tperb;
+  std::vector<std::vector<uint32_t>> mapping(srcs.size());
+  for (uint32_t s = 0; s < srcs.size(); ++s) mapping[s].resize(srcs[s].values.size());
+  for (const Entry& e : all) {
+    if (out.values.empty() || tstats || out.values.back().ts != e.v.ts || out.values.back().addr != e.v.addr) {
+      out.values.push_back(e.v);
+    }
+    mapping[e.src][e.j] = static_cast<uint32_t>(out.values.size() - 1);
+  }
+  // Columns: the later source (and later position) overwrites.
+  {
+    // Source-major order of overwriting.
+    std::vector<const Entry*> by_src(all.size());
+    for (size_t k = 0; k < all.size(); ++k) by_src[k] = &all[k];
+    std::stable_sort(by_src.begin(), by_src.end(),
+                     [](const Entry* a, const Entry* b) { return a->src != b->src ? a->src < b->src : a->j < b->j; });
+    for (const Entry* e : by_src) {
+      ModelValue& t = out.values[mapping[e->src][e->j]];
+      t.et = e->v.et;
+      t.src = e->v.src;
+      t.stype = e->v.stype;
+      t.host = e->v.host;
+      t.deleted = e->v.deleted;
+    }
+  }
+  std::map<std::string, ModelTerm> terms;
+  for (uint32_t s = 0; s < srcs.size(); ++s) {
+    for (const ModelTerm& t : srcs[s].terms) {
+      auto [it, fresh] = terms.try_emplace(t.term);
+      ModelTerm& m = it->second;
+      if (fresh) {
+        m.term = t.term;
+        m.earliest = t.earliest;
+        m.latest = t.latest;
+      } else {
+        m.earliest = std::min(m.earliest, t.earliest);
+        m.latest = std::max(m.latest, t.latest);
+      }
+      for (uint32_t id : t.ids) m.ids.push_back(mapping[s][id]);
+    }
+  }
+  for (auto& [name, t] : terms) {
+    std::sort(t.ids.begin(), t.ids.end());
+    t.ids.erase(std::unique(t.ids.begin(), t.ids.end()), t.ids.end());
+    t.count = static_cast<uint32_t>(t.ids.size());
+    out.num_postings += t.count;
+    out.terms.push_back(t);
+  }
+  for (int c = 0; c < 4; ++c) {
+    for (const ModelFile& s : srcs) out.nbits[c] = std::max(out.nbits[c], s.nbits[c]);
+  }
+  if (mapping_out) *mapping_out = mapping;
+  return out;
+}
+
+// The first difference of two sequences, for readable failures.
+template <class T>
+void expect_same(const std::vector<T>& got, const std::vector<T>& want, const char* what) {
+  EXPECT_EQ(got.size(), want.size()) << what;
+  for (size_t k = 0; k < std::min(got.size(), want.size()); ++k) {
+    if (!(got[k] == want[k])) {
+      ADD_FAILURE() << what << " differ first at " << k << ": got " << ::testing::PrintToString(got[k])
+                    << " want " << ::testing::PrintToString(want[k]);
+      return;
+    }
+  }
+}
+
+struct MergeRun {
+  int rc;
+  wrc w;
+  bytes target;
+};
+
+class MergeTest : public ::testing::Test {
+ protected:
+  // Writes the sources, merges them into a fresh target, returns its bytes.
+  MergeRun merge_files(const std::vector<bytes>& files, int tstats = 0, uint32_t tpb = 4, uint64_t page = 0) {
+    std::vector<int> fds;
+    for (size_t i = 0; i < files.size(); ++i) {
+      std::string p = dir_.file("src" + std::to_string(counter_) + "_" + std::to_string(i) + ".tsidx");
+      testutil::write_file(p, files[i]);
+      fds.push_back(open(p.c_str(), O_RDONLY | O_CLOEXEC));
+      EXPECT_GE(fds.back(), 0);
+    }
+    std::string tp = dir_.file("target" + std::to_string(counter_++) + ".merge");
+    int tfd = open(tp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    EXPECT_GE(tfd, 0);
+    MergeRun r{};
+    r.rc = st_warm_slice_merge_n(0, tfd, fds.data(), static_cast<uint32_t>(fds.size()), tpb, page, &r.w, tstats);
+    close(tfd);
+    for (int fd : fds) close(fd);
+    r.target = testutil::read_file(tp);
+    last_target_ = tp;
+    return r;
+  }
+
+  // Builds the sources from models (metadata filled from their lists when
+  // fill is set), merges, and checks the result against the model merge.
+  ModelFile merge_and_check(std::vector<ModelFile> srcs, int tstats = 0, uint32_t tpb = 4, bool fill = true) {
+    std::vector<bytes> files;
+    for (ModelFile& m : srcs) {
+      if (fill) testutil::fill_metadata(m);
+      files.push_back(testutil::build_index_file(m));
+      std::string err;
+      m = testutil::parse_index_file(files.back(), &err);  // widths as stored
+      EXPECT_EQ(err, "");
+    }
+    MergeRun r = merge_files(files, tstats, tpb);
+    EXPECT_EQ(r.rc, 0) << r.w.message;
+    std::string err;
+    ModelFile got = testutil::parse_index_file(r.target, &err);
+    EXPECT_EQ(err, "");
+    ModelFile want = reference_merge(srcs, tstats != 0, tpb);
+    EXPECT_EQ(got.magic, "Tarnix6");
+    EXPECT_EQ(got.tperb, tpb);
+    expect_same(got.values, want.values, "values");
+    expect_same(got.terms, want.terms, "terms");
+    EXPECT_EQ(got.num_postings, want.num_postings);
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(got.nbits[c], want.nbits[c]) << "column " << c;
+    return got;
+  }
+
+  testutil::TempDir dir_;
+  int counter_ = 0;
+  std::string last_target_;
+};
+
+ModelFile file_of(std::vector<ModelValue> values, std::vector<std::pair<std::string, std::vector<uint32_t>>> terms) {
+  ModelFile m;
+  m.values = std::move(values);
+  for (auto& [name, ids] : terms) m.terms.push_back(ModelTerm{name, ids});
+  return m;
+}
+
+bytes file_of_bytes(std::vector<ModelValue> values) {
+  std::vector<uint32_t> ids(values.size());
+  for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i;
+  return testutil::build_index_file(file_of(std::move(values), {{"p", ids}}));
+}
+
+TEST_F(MergeTest, ValueMergeMappingsWithAndWithoutTstats) {
+  struct Case {
+    int tstats;
+    std::vector<std::pair<int32_t, uint32_t>> target;
+    std::vector<uint32_t> map0, map1;
+  };
+  const Case cases[] = {
+      {0, {{100, 7}, {95, 3}, {90, 1}}, {0, 2}, {0, 1}},
+      {1, {{100, 7}, {100, 7}, {95, 3}, {90, 1}}, {0, 3}, {1, 2}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.tstats);
+    std::vector<bytes> files = {
+        testutil::build_index_file(file_of({{100, 7}, {90, 1}}, {{"a", {0, 1}}})),
+        testutil::build_index_file(file_of({{100, 7}, {95, 3}}, {{"a", {0, 1}}})),
+    };
+    std::vector<int> fds;
+    for (size_t i = 0; i < files.size(); ++i) {
+      std::string p = dir_.file("v" + std::to_string(c.tstats) + std::to_string(i));
+      testutil::write_file(p, files[i]);
+      fds.push_back(open(p.c_str(), O_RDONLY | O_CLOEXEC));
+    }
+    std::string tp = dir_.file("t" + std::to_string(c.tstats));
+    int tfd = open(tp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    wrc w{};
+    warm_header* hdrs = _read_src_headers(fds.data(), 2, &w);
+    ASSERT_NE(hdrs, nullptr);
+    warm_header tgt{};
+    _init_magic(&tgt);
+    uint32_t* mapping = _merge_values(fds.data(), hdrs, 2, tfd, &tgt, &w, c.tstats);
+    ASSERT_NE(mapping, nullptr) << w.warm_rc;
+    EXPECT_EQ(hdr_num_values(&tgt), c.target.size());
+    EXPECT_EQ(std::vector<uint32_t>(mapping, mapping + 2), c.map0);
+    EXPECT_EQ(std::vector<uint32_t>(mapping + 2, mapping + 4), c.map1);
+    bytes t = testutil::read_file(tp);
+    ASSERT_EQ(t.size(), 64 + 8 * c.target.size());
+    for (size_t k = 0; k < c.target.size(); ++k) {
+      EXPECT_EQ(static_cast<int32_t>(load_be32(&t[64 + 8 * k])), c.target[k].first);
+      EXPECT_EQ(load_be32(&t[68 + 8 * k]), c.target[k].second);
+    }
+    free(mapping);
+    free(hdrs);
+    close(tfd);
+    for (int fd : fds) close(fd);
+    // And through the whole merge.
+    ModelFile a = file_of({{100, 7}, {90, 1}}, {{"a", {0, 1}}});
+    ModelFile b = file_of({{100, 7}, {95, 3}}, {{"a", {0, 1}}, {"b", {1}}});
+    merge_and_check({a, b}, c.tstats);
+  }
+}
+
+TEST_F(MergeTest, ValueOrderTiesAndBufferBoundaries) {
+  // Equal timestamps: larger address first; negative timestamps after every
+  // non-negative one; address 0xFFFFFFFF before smaller ones.
+  merge_and_check({file_of({{5, 5}, {-3, 2}}, {{"x", {0, 1}}}),
+                   file_of({{5, 9}, {0, 0xFFFFFFFFu}, {0, 4}, {-3, 1}}, {{"x", {0, 2}}, {"y", {1, 3}}})});
+  // Two equal records inside one source become one value.
+  ModelFile dup = merge_and_check({file_of({{7, 1}, {7, 1}, {6, 1}}, {{"d", {0, 1, 2}}})});
+  EXPECT_EQ(dup.values.size(), 2u);
+  EXPECT_EQ(dup.terms[0].ids, (std::vector<uint32_t>{0, 1}));
+  // 4096 and 4097 merged values: a full value buffer and one more.
+  for (uint32_t n : {4095u, 4096u, 4097u, 9000u}) {
+    SCOPED_TRACE(n);
+    ModelFile a, b;
+    for (uint32_t i = 0; i < n; ++i) {
+      ModelValue v{static_cast<int32_t>(100000 - i), i, i % 7, i % 3, i % 5, i % 11};
+      (i % 2 ? a : b).values.push_back(v);
+    }
+    std::vector<uint32_t> ids_a(a.values.size()), ids_b(b.values.size());
+    for (uint32_t i = 0; i < ids_a.size(); ++i) ids_a[i] = i;
+    for (uint32_t i = 0; i < ids_b.size(); ++i) ids_b[i] = i;
+    a.terms = {ModelTerm{"all", ids_a}};
+    b.terms = {ModelTerm{"all", ids_b}, ModelTerm{"b", {0}}};
+    ModelFile got = merge_and_check({a, b});
+    EXPECT_EQ(got.values.size(), n);
+  }
+}
+
+TEST_F(MergeTest, PostingListsMergeThroughTheMappingAndSkipAbsentSources) {
+  // Term "m" only in sources 0 and 2: source 1's cursor stays for "z".
+  ModelFile s0 = file_of({{30, 1}, {10, 1}}, {{"a", {0}}, {"m", {0, 1}}, {"z", {1}}});
+  ModelFile s1 = file_of({{20, 1}}, {{"b", {0}}, {"z", {0}}});
+  ModelFile s2 = file_of({{25, 1}, {10, 1}}, {{"m", {0, 1}}, {"n", {1}}});
+  ModelFile got = merge_and_check({s0, s1, s2});
+  // Values: 30, 25, 20, 10 (10/1 in sources 0 and 2 merged).
+  ASSERT_EQ(got.values.size(), 4u);
+  ASSERT_EQ(got.terms.size(), 5u);
+  EXPECT_EQ(got.terms[2].term, "m");
+  EXPECT_EQ(got.terms[2].ids, (std::vector<uint32_t>{0, 1, 3}));
+  EXPECT_EQ(got.terms[2].count, 3u) << "id 3 comes from two sources and counts once";
+  EXPECT_EQ(got.terms[4].ids, (std::vector<uint32_t>{2, 3}));
+  EXPECT_EQ(got.num_postings, 1u + 1u + 3u + 1u + 2u);
+}
+
+TEST_F(MergeTest, MetadataTakesPostingCountsAndSourceTimes) {
+  ModelFile a = file_of({{200, 1}, {150, 2}, {100, 3}}, {{"t", {0, 1, 2}}});
+  ModelFile b = file_of({{150, 2}, {50, 4}}, {{"t", {0, 1}}});
+  a.terms[0] = ModelTerm{"t", {0, 1, 2}, 3, 100, 200};
+  b.terms[0] = ModelTerm{"t", {0, 1}, 2, 50, 150};
+  ModelFile got = merge_and_check({a, b}, 0, 4, false);
+  ASSERT_EQ(got.terms.size(), 1u);
+  EXPECT_EQ(got.terms[0].count, 4u);
+  EXPECT_EQ(got.terms[0].earliest, 50);
+  EXPECT_EQ(got.terms[0].latest, 200);
+  // Signed minimum: a negative earliest wins over positive ones.
+  b.terms[0].earliest = -5;
+  got = merge_and_check({a, b}, 0, 4, false);
+  EXPECT_EQ(got.terms[0].earliest, -5);
+}
+
+TEST_F(MergeTest, SingleSourceIsReproduced) {
+  ModelFile m = file_of({{50, 9, 3, 2, 1, 6}, {40, 8, 1, 0, 0, 0}, {40, 2, 2, 1, 1, 1}, {-7, 0, 0, 0, 1, 2}},
+                        {{"apple", {0, 1, 2}}, {"apply", {3}}, {"bat", {0, 2, 3}}});
+  m.values[1].deleted = true;
+  m.values[1].src = 0xFFFFFFFFu;
+  for (uint32_t tpb : {1u, 2u, 64u}) {
+    ModelFile got = merge_and_check({m}, 0, tpb);
+    EXPECT_EQ(got.values.size(), 4u);
+    EXPECT_TRUE(got.values[1].deleted);
+  }
+}
+
+TEST_F(MergeTest, ColumnWidthsAreTheWidestSources) {
+  ModelFile a = file_of({{9, 1, 7}, {8, 1, 1}}, {{"a", {0, 1}}});      // event type width 3
+  ModelFile b = file_of({{7, 1, 31}, {6, 1, 20}}, {{"a", {1}}});       // width 5
+  ModelFile got = merge_and_check({a, b});
+  EXPECT_EQ(got.nbits[0], 5u);
+  MergeRun r = merge_files({testutil::build_index_file(a), testutil::build_index_file(b)});
+  EXPECT_EQ(load_be32(&r.target[HDR_ET_SIZE]), 5u * (4 / 8 + 1));
+  EXPECT_EQ(load_be32(&r.target[HDR_D_NBITS]), 1u);
+  // With tstats both copies stay, each with its own columns; at equal values
+  // the source being drained goes on, here the later one.
+  got = merge_and_check({file_of({{10, 4, 0, 0, 0, 3}, {9, 1}}, {{"h", {0}}}),
+                         file_of({{11, 1}, {10, 4, 0, 0, 0, 12}}, {{"h", {1}}})}, 1);
+  ASSERT_EQ(got.values.size(), 4u);
+  EXPECT_EQ(got.values[1].host, 12u);
+  EXPECT_EQ(got.values[2].host, 3u);
+  // Two sources with the same value and different hosts: the later wins.
+  ModelFile h1 = file_of({{10, 4, 0, 0, 0, 3}}, {{"h", {0}}});
+  ModelFile h2 = file_of({{10, 4, 0, 0, 0, 12}}, {{"h", {0}}});
+  got = merge_and_check({h1, h2});
+  ASSERT_EQ(got.values.size(), 1u);
+  EXPECT_EQ(got.values[0].host, 12u);
+}
+
+TEST_F(MergeTest, SourcesWithoutTermsTakeNoPartInTheLexicon) {
+  ModelFile empty = file_of({{60, 1}, {5, 1}}, {});
+  ModelFile full = file_of({{30, 2}}, {{"k", {0}}, {"l", {0}}});
+  ModelFile got = merge_and_check({empty, full, empty});
+  EXPECT_EQ(got.values.size(), 3u);
+  EXPECT_EQ(got.terms[0].ids, std::vector<uint32_t>{1});
+  // No terms anywhere: the merge fails with -1 and leaves no header.
+  MergeRun r = merge_files({testutil::build_index_file(empty), testutil::build_index_file(empty)});
+  EXPECT_EQ(r.rc, WS_ENOTAVAIL);
+  EXPECT_EQ(r.w.warm_rc, WS_ENOTAVAIL);
+  ASSERT_GE(r.target.size(), 64u);
+  EXPECT_EQ(bytes(r.target.begin(), r.target.begin() + 64), bytes(64, 0));
+}
+
+TEST_F(MergeTest, MixedVersionsMerge) {
+  std::vector<ModelFile> srcs;
+  const char* magics[] = {"Tarnix3", "Tarnix4", "Tarnix5", "Tarnix6", "Tarnix3"};
+  for (int k = 0; k < 5; ++k) {
+    ModelFile m;
+    m.magic = magics[k];
+    m.tperb = static_cast<uint32_t>(1 + k * 3);
+    for (int i = 0; i < 40; ++i) m.values.push_back({1000 - 7 * i - k, static_cast<uint32_t>(i % 9), 1u + k, 2, 3, 4});
+    std::sort(m.values.begin(), m.values.end(),
+              [](const ModelValue& x, const ModelValue& y) { return x.ts != y.ts ? x.ts > y.ts : x.addr > y.addr; });
+    for (int t = 0; t < 12; ++t) {
+      ModelTerm term{"term" + std::to_string(t * (k + 1)), {}};
+      for (uint32_t i = 0; i < 40; ++i) {
+        if ((i + t) % (k + 2) == 0) term.ids.push_back(i);
+      }
+      m.terms.push_back(term);
+    }
+    std::sort(m.terms.begin(), m.terms.end(), [](const ModelTerm& x, const ModelTerm& y) { return x.term < y.term; });
+    srcs.push_back(m);
+  }
+  merge_and_check(srcs, 0, 5);
+  merge_and_check(srcs, 1, 3);
+}
+
+TEST_F(MergeTest, BadMagicIsReportedBeforeAnythingIsWritten) {
+  ModelFile m = file_of({{1, 1}}, {{"a", {0}}});
+  bytes good = testutil::build_index_file(m);
+  for (const char* magic : {"tarnix6", "Tarnix7", "Tarnix2"}) {
+    SCOPED_TRACE(magic);
+    bytes bad = good;
+    memcpy(bad.data(), magic, 8);
+    MergeRun r = merge_files({good, good, bad, good});
+    EXPECT_EQ(r.rc, WS_EMAGIC);
+    EXPECT_EQ(r.w.source_index, 2);
+    EXPECT_STREQ(r.w.message, "invalid magic");
+    EXPECT_TRUE(r.target.empty());
+  }
+  MergeRun r = merge_files({good, bytes(good.begin(), good.begin() + 30)});
+  EXPECT_EQ(r.rc, WS_EREAD);
+  EXPECT_EQ(r.w.source_index, 1);
+  EXPECT_STREQ(r.w.message, "pread warm header failure");
+}
+
+TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
+  ModelFile m;
+  for (int i = 0; i < 300; ++i) m.values.push_back({5000 - i, static_cast<uint32_t>(i), 1, 2, 3, 4});
+  for (int t = 0; t < 50; ++t) {
+    ModelTerm term{"t" + std::to_string(1000 + t), {}};
+    for (uint32_t i = t; i < 300; i += 1 + t % 5) term.ids.push_back(i);
+    m.terms.push_back(term);
+  }
+  testutil::fill_metadata(m);
+  const bytes good = testutil::build_index_file(m);
+  const testutil::ModelLayout l = testutil::layout_of(good);
+  ModelFile other = file_of({{99999, 1}}, {{"t1001", {0}}});
+  const bytes first = testutil::build_index_file(other);
+  struct Case {
+    const char* what;
+    uint64_t cut;
+    int rc;
+    int index;
+  };
+  const Case cases[] = {
+      {"inside the values", l.values + 100, WS_EREAD, -1},
+      {"inside the columns", l.columns + 20, WS_EREAD, 1},
+      {"inside the offset table", l.pl_offs + 16, WS_EREAD, 1},
+      {"inside the metadata", l.metadata + 30, WS_EREAD, 1},
+      {"inside the postings", l.postings + 40, WS_EREAD, -1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    MergeRun r = merge_files({first, bytes(good.begin(), good.begin() + static_cast<long>(c.cut))});
+    EXPECT_EQ(r.rc, c.rc) << r.w.message;
+    EXPECT_EQ(r.w.warm_rc, c.rc);
+    EXPECT_EQ(r.w.source_index, c.index) << r.w.message;
+    if (r.target.size() >= 64) {
+      EXPECT_EQ(bytes(r.target.begin(), r.target.begin() + 64), bytes(64, 0));
+    }
+  }
+  // A header claiming far more values or a larger column than the file
+  // holds fails with a short read, before any memory is sized by it.
+  bytes huge = good;
+  store_be32(&huge[HDR_NUM_VALUES], 0xF0000000u);
+  MergeRun r = merge_files({first, huge});
+  EXPECT_EQ(r.rc, WS_EREAD);
+  huge = good;
+  store_be32(&huge[HDR_H_SIZE], 0xF0000000u);
+  r = merge_files({first, huge});
+  EXPECT_EQ(r.rc, WS_EREAD);
+  EXPECT_EQ(r.w.source_index, 1);
+  EXPECT_STREQ(r.w.message, "pread for _merge_arrays");
+  // Widths the column code cannot use.
+  for (hdr_field f : {HDR_D_NBITS, HDR_ET_NBITS, HDR_S_SIZE}) {
+    bytes bad = good;
+    store_be32(&bad[f], f == HDR_S_SIZE ? 1 : f == HDR_D_NBITS ? 2 : 0);
+    r = merge_files({first, bad});
+    EXPECT_EQ(r.rc, WS_EDATA) << f;
+    EXPECT_EQ(r.w.source_index, 1);
+  }
+  // A posting that names a value beyond the source's values.
+  ModelFile beyond = file_of({{10, 1}, {9, 1}}, {{"p", {0, 5}}});
+  r = merge_files({first, testutil::build_index_file(beyond)});
+  EXPECT_EQ(r.rc, WS_EDATA);
+  // Values out of order still get ids in the order they are taken, so the
+  // mapped lists keep ascending: the merge completes.
+  ModelFile unsorted = file_of({{10, 1}, {90, 1}, {10, 1}}, {{"p", {0, 1, 2}}});
+  r = merge_files({file_of_bytes({{50, 1}}), testutil::build_index_file(unsorted)});
+  EXPECT_EQ(r.rc, 0) << r.w.message;
+  // An empty list for a term the lexicon says the source holds.
+  ModelFile hole = file_of({{10, 1}}, {{"p", {}}, {"q", {0}}});
+  r = merge_files({first, testutil::build_index_file(hole)});
+  EXPECT_EQ(r.rc, WS_ENOTAVAIL);
+  EXPECT_EQ(r.w.source_index, 1);
+  EXPECT_STREQ(r.w.message, "src_tsval_id is UINT_MAX in _merge_all_postings");
+}
+
+TEST_F(MergeTest, LexiconOnlyTargetSumsSourceCounts) {
+  ModelFile a = file_of({{3, 1}, {2, 1}}, {{"a", {0, 1}}, {"c", {1}}});
+  ModelFile b = file_of({{3, 1}}, {{"b", {0}}, {"c", {0}}});
+  testutil::fill_metadata(a);
+  testutil::fill_metadata(b);
+  std::vector<int> fds;
+  for (const ModelFile& m : {a, b}) {
+    std::string p = dir_.file("lex" + std::to_string(fds.size()));
+    testutil::write_file(p, testutil::build_index_file(m));
+    fds.push_back(open(p.c_str(), O_RDONLY | O_CLOEXEC));
+  }
+  std::string tp = dir_.file("lex.tmp");
+  int tfd = open(tp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  wrc w{};
+  warm_header* hdrs = _read_src_headers(fds.data(), 2, &w);
+  ASSERT_NE(hdrs, nullptr);
+  warm_header tgt{};
+  _set_magic(&tgt, MAGIC_LEX);
+  bmap_t* which = nullptr;
+  uint64_t starts[2], tgt_start = 0;
+  ASSERT_EQ(_merge_lexicon(0, fds.data(), hdrs, 2, 8, 0, tfd, &tgt, &which, starts, &tgt_start, &w), 0);
+  ASSERT_EQ(hdr_num_terms(&tgt), 3u);
+  EXPECT_EQ(which[0], 1u);
+  EXPECT_EQ(which[1], 2u);
+  EXPECT_EQ(which[2], 3u);
+  ASSERT_EQ(_merge_metadata(fds.data(), hdrs, 2, which, nullptr, tfd, &tgt, &w), 0);
+  bytes t = testutil::read_file(tp);
+  const uint64_t meta = _offset_metadata(&tgt);
+  ASSERT_GE(t.size(), meta + 12);
+  EXPECT_EQ(load_be32(&t[meta]), 2u);
+  EXPECT_EQ(load_be32(&t[meta + 4]), 1u);
+  EXPECT_EQ(load_be32(&t[meta + 8]), 2u) << "count only, summed over sources";
+  _bmap_free(which);
+  free(hdrs);
+  close(tfd);
+  for (int fd : fds) close(fd);
+}
+
+// ---- Property test over files written by the index file writer ----------------
+
+std::string random_term(std::mt19937& rng) {
+  static const char* stems[] = {"host", "hostname", "error", "err", "a", "zz", "source::/var/log", "x"};
+  std::string t = stems[rng() % 8];
+  switch (rng() % 4) {
+    case 0: break;
+    case 1: t += std::to_string(rng() % 20); break;
+    case 2: t += "=" + std::to_string(rng() % 5); break;
+    case 3: t = std::string(1500 + rng() % 547, 'q') + std::to_string(rng() % 3); break;
+  }
+  return t;
+}
+
+TEST_F(MergeTest, RandomGroupsMatchTheModelMerge) {
+  const unsigned seed = ::testing::UnitTest::GetInstance()->random_seed();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 rng(seed);
+  for (int round = 0; round < 12; ++round) {
+    SCOPED_TRACE(round);
+    const uint32_t n_src = round == 0 ? 32 : 1 + rng() % 32;
+    std::vector<bytes> files;
+    std::vector<ModelFile> models;
+    const int32_t base = static_cast<int32_t>(rng() % 2000) - 1000;
+    for (uint32_t s = 0; s < n_src; ++s) {
+      wrc w{};
+      hot_slice* hot = st_hot_slice_create(1 << 20, 1024, 8192, 1024, 0, &w);
+      ASSERT_NE(hot, nullptr) << w.warm_rc;
+      const uint32_t events = 1 + rng() % 60;
+      for (uint32_t e = 0; e < events; ++e) {
+        // Overlapping times, repeated addresses, duplicates across sources.
+        const int32_t ts = base + static_cast<int32_t>(rng() % 200) - 100;
+        const uint32_t addr = rng() % 40;
+        const uint32_t src = rng() % 10 == 0 ? 0xFFFFFFFFu : rng() % 6;
+        const uint32_t terms = 1 + rng() % 4;
+        for (uint32_t k = 0; k < terms; ++k) {
+          std::string t = random_term(rng);
+          ASSERT_EQ(st_hot_slice_put(hot, t.c_str(), static_cast<uint32_t>(t.size()), ts, addr, rng() % 9, src,
+                                     rng() % 3, rng() % 70),
+                    0);
+        }
+      }
+      char name[PATH_BUF_SZ];
+      warm* wf = st_warm_slice_create(hot, name, dir_.path().c_str(), ".tsidx", &w);
+      ASSERT_NE(wf, nullptr) << w.warm_rc;
+      st_warm_slice_close(wf);
+      st_hot_slice_close(hot);
+      files.push_back(testutil::read_file(name));
+      unlink(name);
+      std::string err;
+      models.push_back(testutil::parse_index_file(files.back(), &err));
+      ASSERT_EQ(err, "");
+    }
+    const int tstats = static_cast<int>(rng() % 4 == 0);
+    const uint32_t tpb = 1 + rng() % 70;
+    MergeRun r = merge_files(files, tstats, tpb, round % 3 == 0 ? 9 : 0);
+    ASSERT_EQ(r.rc, 0) << r.w.message << " index " << r.w.source_index;
+    std::string err;
+    ModelFile got = testutil::parse_index_file(r.target, &err);
+    ASSERT_EQ(err, "");
+    ModelFile want = reference_merge(models, tstats != 0, tpb);
+    expect_same(got.values, want.values, "values");
+    expect_same(got.terms, want.terms, "terms");
+    EXPECT_EQ(got.num_postings, want.num_postings);
+    // The relation term -> {(timestamp, address)} is the union of the sources'.
+    std::map<std::string, std::set<std::pair<int32_t, uint32_t>>> union_rel, merged_rel;
+    for (const ModelFile& m : models) {
+      for (const ModelTerm& t : m.terms) {
+        for (uint32_t id : t.ids) union_rel[t.term].insert({m.values[id].ts, m.values[id].addr});
+      }
+    }
+    for (const ModelTerm& t : got.terms) {
+      for (uint32_t id : t.ids) merged_rel[t.term].insert({got.values[id].ts, got.values[id].addr});
+    }
+    EXPECT_EQ(merged_rel, union_rel);
+    // The target opens both ways with the counts of its header.
+    for (int by_fd = 0; by_fd < 2; ++by_fd) {
+      wrc w{};
+      warm* h = by_fd ? st_warm_slice_open_fd(last_target_.c_str(), 0, &w)
+                      : st_warm_slice_open(last_target_.c_str(), 0, &w);
+      ASSERT_NE(h, nullptr) << w.warm_rc;
+      EXPECT_EQ(st_warm_slice_terms(h), want.terms.size());
+      EXPECT_EQ(st_warm_slice_values(h), want.values.size());
+      EXPECT_EQ(st_warm_slice_postings_size(h), r.target.size() - testutil::layout_of(r.target).postings);
+      EXPECT_EQ(st_warm_slice_close(h), 0);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tarnix
