@@ -347,7 +347,18 @@ void _write_frame(crash_log_writer* z, void* addr) noexcept {
 __attribute__((noinline)) void get_backtrace(crash_log_writer* z, int skip) noexcept {
   void* frames[128];
   int n = backtrace(frames, 128);
-  for (int i = skip < 0 ? 0 : skip; i < n; ++i) _write_frame(z, frames[i]);
+  // Frames are counted from this function. A wrapper around backtrace (as a
+  // sanitizer runtime installs) adds frames of its own in front, so find
+  // this function's frame by its caller's return address.
+  void* caller = __builtin_return_address(0);
+  int self = 0;
+  for (int i = 0; i < n; ++i) {
+    if (frames[i] == caller) {
+      self = i > 0 ? i - 1 : 0;
+      break;
+    }
+  }
+  for (int i = self + (skip < 0 ? 0 : skip); i < n; ++i) _write_frame(z, frames[i]);
 }
 
 // ---------------------------------------------------------------------------
