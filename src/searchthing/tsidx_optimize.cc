@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <new>
@@ -375,6 +376,28 @@ int _optimize_pass(tsidx* t, int32_t mode, FILE* log, uint32_t min_src_count, ui
 }
 
 }  // namespace
+
+int _so_collect_candidates(tsidx* t, tsidx_filter filter, int64_t size_limit, uint32_t count_limit,
+                           so_listed_file** out) noexcept {
+  *out = nullptr;
+  std::vector<so_candidate> cands;
+  collect_ctx ctx{&cands, 0, size_limit, count_limit};
+  int rc = _st_tsidx_apply(t, INT_MIN, INT_MAX, _collect_candidate, &ctx, 0, filter);
+  if (rc < 0) return rc;
+  if (cands.empty()) return 0;
+  auto* files = static_cast<so_listed_file*>(calloc(cands.size(), sizeof(so_listed_file)));
+  if (files == nullptr) return WS_ENOMEM;
+  for (size_t i = 0; i < cands.size(); ++i) {
+    const so_candidate& c = cands[i];
+    memcpy(files[i].path, c.path.data(), c.path.size());  // at most 4095 bytes, NUL from calloc
+    files[i].size = c.size;
+    files[i].earliest = c.earliest;
+    files[i].latest = c.latest;
+    files[i].id = c.id;
+  }
+  *out = files;
+  return static_cast<int>(cands.size());
+}
 
 int32_t _st_tsidx_optimize(tsidx* t, int32_t mode, FILE* log, uint32_t min_src_count,
                            uint32_t lex_tpb, uint64_t page_size, tsidx_filter filter, wrc* wrc_o,

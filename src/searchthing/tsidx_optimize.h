@@ -40,6 +40,25 @@ struct so_group {
   uint32_t count;
 };
 
+// One index file found by the candidate listing.
+struct so_listed_file {
+  char path[SO_CANDIDATE_PATH_MAX + 1];  // directory path, "/", file name (cut at 4095)
+  int64_t size;                          // bytes when listed
+  int32_t earliest;                      // second number of the file name
+  int32_t latest;                        // first number of the file name
+  uint64_t id;                           // third number of the file name
+};
+
+// The pass's candidate listing on its own, for other directory-wide
+// operations: every file that filter accepts, in the directory's listing
+// order, skipping locked, empty and unreadable files and, when size_limit is
+// above 0, files larger than it; at most count_limit files (0: no limit).
+// Returns the number listed with the array in *out (free it with free();
+// null when none), or a negative code with *out null: -1 the directory
+// cannot be listed, -2 no memory, -29 a lock state could not be read.
+int _so_collect_candidates(tsidx* t, tsidx_filter filter, int64_t size_limit, uint32_t count_limit,
+                           so_listed_file** out) noexcept;
+
 // The group choice over n file sizes sorted smallest first. mode: 0 normal,
 // 1 force, 2 all (any other value counts as force). max_allowed_size 0 means
 // no limit. Returns 0 with the group in *out, or -31 when no group satisfies
