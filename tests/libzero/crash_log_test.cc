@@ -81,6 +81,13 @@ __attribute__((noipa, no_sanitize("undefined"))) void crash_null_write() {
   *p = 1;
 }
 
+// An address outside the canonical range faults without a fault address:
+// the kernel reports it with a code of its own.
+__attribute__((noipa, no_sanitize("address", "undefined"))) void crash_noncanonical_write() {
+  volatile int* volatile p = reinterpret_cast<int*>(0x8000000000000000ULL);
+  *p = 1;
+}
+
 __attribute__((noipa, no_sanitize("undefined"))) int crash_divide_by_zero() {
   volatile int zero = 0;
   volatile int n = 7;
@@ -341,6 +348,10 @@ TEST(CrashLog, EachFatalSignalLeavesOneCompleteReport) {
         "   Illegal operand for opcode at address [0x$$$$$$$$$$$$$$$$]."},
        false},
       {"abort", SIGABRT, [](const std::string&) { abort(); }, {"SENT"}, false},
+#ifdef __x86_64__
+      {"non-canonical address", SIGSEGV, [](const std::string&) { crash_noncanonical_write(); },
+       {"   Unknown signal origin (si_code=128, si_addr=[0x0000000000000000])."}, true},
+#endif
       // A sent SIGSEGV does not repeat: the handler raises it again.
       {"SIGSEGV by kill", SIGSEGV, [](const std::string&) { kill(getpid(), SIGSEGV); }, {"SENT"},
        true},
