@@ -183,7 +183,7 @@ uint32_t largest_of(const hot_slice* h, uint32_t tsval::*field) noexcept {
     }
     return m;
   }
-  ST_ASSERT(_value_begin(h) <= _value_end(h));
+  ST_ASSERT_TEXT(_value_begin(h) <= _value_end(h), "_value_begin(handle) <= _value_end(handle)");
   for (uint32_t i = _value_begin(h); i < _value_end(h); ++i) {
     if (counts(&h->values[i])) m = std::max(m, h->values[i].*field);
   }

@@ -449,7 +449,7 @@ char* st_warm_slice_filename(char* dst, const char* prefix, const char* suffix, 
 char* st_warm_slice_fd_filename(char* dst, const char* prefix, const char* suffix, const hot_slice* hot) noexcept {
   ST_ASSERT_TEXT(prefix != nullptr, "prefix != ((void *)0)");
   ST_ASSERT_TEXT(*prefix != '\0', "*prefix != '\\0'");
-  ST_ASSERT(prefix[(strlen(prefix)) - 1] != '/');
+  ST_ASSERT_TEXT(prefix[strlen(prefix) - 1] != '/', "prefix[(strlen(prefix)) -1] != '/'");
   return st_warm_slice_filename_from_time(dst, prefix, suffix, hot->earliest, hot->latest);
 }
 

@@ -47,11 +47,11 @@ int st_ntsval_compare(const uint8_t* a, const uint8_t* b) noexcept {
 }
 
 void _encode_tsval(uint8_t* record_out, uint32_t id, const tsval* v, warm* w) noexcept {
-  ST_ASSERT(w->et_array);
-  ST_ASSERT(w->s_array);
-  ST_ASSERT(w->st_array);
-  ST_ASSERT(w->h_array);
-  ST_ASSERT(w->d_array);
+  ST_ASSERT_TEXT(w->et_array != nullptr, "warm->et_array");
+  ST_ASSERT_TEXT(w->s_array != nullptr, "warm->s_array");
+  ST_ASSERT_TEXT(w->st_array != nullptr, "warm->st_array");
+  ST_ASSERT_TEXT(w->h_array != nullptr, "warm->h_array");
+  ST_ASSERT_TEXT(w->d_array != nullptr, "warm->d_array");
   const warm_header* h = warm_hdr(w);
   store_be32(record_out, static_cast<uint32_t>(v->timestamp));
   store_be32(record_out + 4, v->event_address);
