@@ -233,6 +233,7 @@ TEST(TarnixIndex, UsageErrors) {
       {{"-d", d.path(), "--max-postings", "-5"}, "not a number"},
       {{"--generate", "10", "--seed"}, "needs a value"},
       {{"--emit-events"}, "needs --generate"},
+      {{"--generate", "2000000001", "--emit-events"}, "at most 2000000000"},
       {{"-d", d.path(), "--generate", "10", "events.txt"}, "no input file"},
       {{"-d", d.path(), "a.txt", "b.txt"}, "more than one input"},
   };

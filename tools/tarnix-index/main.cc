@@ -25,6 +25,7 @@ namespace {
 constexpr int EXIT_INPUT = 1;
 constexpr int EXIT_USAGE = 2;
 constexpr uint64_t PROGRESS_EVERY = 4096;   // events between looks at the clock
+constexpr uint64_t MAX_GENERATE = 2000000000;
 
 constexpr const char USAGE[] =
     "usage: tarnix-index -d DIR [options] [FILE|-]\n"
@@ -127,6 +128,8 @@ options parse_args(int argc, char** argv) {
     } else if (a == "--generate") {
       o.generate = true;
       o.generate_count = number(&i, 0);
+      // Addresses and timestamps of the synthetic events are 32-bit.
+      if (o.generate_count > MAX_GENERATE) usage_error("--generate takes at most %s events", "2000000000");
     } else if (a == "--seed") {
       o.seed = number(&i, 0);
     } else if (a == "--emit-events") {
