@@ -101,7 +101,7 @@ TEST(FclexMerge, SameSingleTermInThreeSources) {
 
 TEST(FclexMerge, OneSourceIsReblocked) {
   std::mt19937 rng(1);
-  terms_t terms = testutil::random_terms(rng, 3000, true);
+  terms_t terms = testutil::random_terms(rng, 1500, true);
   for (uint32_t tperb : {1u, 3u, 64u}) {
     SCOPED_TRACE(tperb);
     merge_result r = run_merge({{terms, 8}}, tperb, 9);
