@@ -1,0 +1,260 @@
+// tarnix-lex end to end: a bucket built by tarnix-index, its merged and
+// filtered lexicons, --list of both (big-endian and native counts), the
+// refusal of a minimum count that keeps nothing, exit statuses and usage
+// errors.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cstdint>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "testutil/bucket_reader.h"
+#include "testutil/optimize_bucket.h"
+#include "testutil/testutil.h"
+
+using testutil::RunResult;
+using testutil::TempDir;
+
+namespace {
+
+using term_counts = std::map<std::string, uint32_t>;
+
+std::string tool() { return testutil::bin("tarnix-lex"); }
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// A bucket of several index files from tarnix-index.
+void make_bucket(const TempDir& dir, int events, int seed) {
+  RunResult r = testutil::run({testutil::bin("tarnix-index"), "-d", dir.path(), "--generate", std::to_string(events),
+                               "--seed", std::to_string(seed), "--max-values", "60", "-q"});
+  ASSERT_EQ(r.status, 0) << r.err;
+}
+
+term_counts expected_union(const TempDir& dir) {
+  term_counts sum;
+  for (const std::string& name : testutil::tsidx_names(dir.path())) {
+    testutil::IndexContent c = testutil::read_index_file(dir.file(name));
+    EXPECT_EQ(c.rc, 0) << name;
+    for (const auto& [term, md] : c.metadata) sum[term] += md.count;
+  }
+  return sum;
+}
+
+// "TERM<tab>COUNT" lines; terms must come in ascending order.
+term_counts parse_list(const std::string& text) {
+  term_counts m;
+  std::istringstream in(text);
+  std::string line;
+  std::string prev;
+  while (std::getline(in, line)) {
+    size_t tab = line.rfind('\t');
+    EXPECT_NE(tab, std::string::npos) << line;
+    if (tab == std::string::npos) continue;
+    std::string term = line.substr(0, tab);
+    EXPECT_LT(prev, term);
+    prev = term;
+    m[term] = static_cast<uint32_t>(std::stoul(line.substr(tab + 1)));
+  }
+  return m;
+}
+
+term_counts at_least(const term_counts& all, uint32_t min_count) {
+  term_counts m;
+  for (const auto& [t, c] : all) {
+    if (c >= min_count) m[t] = c;
+  }
+  return m;
+}
+
+uint32_t bswap(uint32_t v) {
+  return (v >> 24) | ((v >> 8) & 0xFF00u) | ((v << 8) & 0xFF0000u) | (v << 24);
+}
+
+TEST(TarnixLex, MergeFilterAndList) {
+  TempDir dir;
+  make_bucket(dir, 240, 7);
+  ASSERT_GE(testutil::tsidx_names(dir.path()).size(), 3u);
+  const term_counts all = expected_union(dir);
+  const std::string merged = dir.file("merged_lexicon.lex");
+  const std::string filtered = dir.file("filtered_merged_lexicon.lex");
+
+  RunResult r = testutil::run({tool(), "-d", dir.path(), "-b", "5", "-p", "100"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "");
+  auto status = testutil::read_file(dir.file("optimize.result"));
+  EXPECT_EQ(std::string(status.begin(), status.end()).rfind("tarnix-optimize-lex complete with rc=0 wrc=[0,", 0),
+            0u);
+
+  r = testutil::run({tool(), "--list", merged});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(parse_list(r.out), all);
+
+  // A prefix selects a contiguous part of the list.
+  const std::string prefix = all.begin()->first.substr(0, 1);
+  term_counts with_prefix;
+  for (const auto& [t, c] : all) {
+    if (t.rfind(prefix, 0) == 0) with_prefix[t] = c;
+  }
+  r = testutil::run({tool(), "--list", merged, "--prefix", prefix});
+  ASSERT_EQ(r.status, 0);
+  EXPECT_EQ(parse_list(r.out), with_prefix);
+  r = testutil::run({tool(), "--list", merged, "--prefix", "\x7f" "no-such-term"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+
+  uint32_t top = 0;
+  for (const auto& [t, c] : all) top = std::max(top, c);
+  const uint32_t min_count = top / 2 + 1;
+  const term_counts want = at_least(all, min_count);
+  ASSERT_FALSE(want.empty());
+  ASSERT_LT(want.size(), all.size());
+  r = testutil::run({tool(), "-d", dir.path(), "--filter", std::to_string(min_count), "-v"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("filtering merged lexicon\n", 0), 0u) << r.out;
+
+  // The filtered file is recognised by its name; a copy under another name
+  // needs --native-counts, and without it shows every count byte-swapped.
+  r = testutil::run({tool(), "--list", filtered});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(parse_list(r.out), want);
+  const std::string copy = dir.file("copy.lex");
+  testutil::write_file(copy, testutil::read_file(filtered));
+  r = testutil::run({tool(), "--list", copy, "--native-counts"});
+  EXPECT_EQ(parse_list(r.out), want);
+  r = testutil::run({tool(), "--list", copy});
+  term_counts as_big_endian;
+  for (const auto& [t, c] : want) as_big_endian[t] = std::endian::native == std::endian::little ? bswap(c) : c;
+  EXPECT_EQ(parse_list(r.out), as_big_endian);
+
+  // Neither output is ever replaced.
+  const auto merged_bytes = testutil::read_file(merged);
+  const auto filtered_bytes = testutil::read_file(filtered);
+  struct {
+    std::vector<std::string> args;
+    const char* err;
+  } again[] = {
+      {{"-d", dir.path()}, "tarnix-lex: merging failed: rc=-28 (ST_EEXISTS)"},
+      {{"-d", dir.path(), "--filter", "1"}, "tarnix-lex: filtering failed: rc=-28 (ST_EEXISTS)"},
+  };
+  for (const auto& a : again) {
+    std::vector<std::string> argv = {tool()};
+    argv.insert(argv.end(), a.args.begin(), a.args.end());
+    r = testutil::run(argv);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind(a.err, 0), 0u) << r.err;
+  }
+  EXPECT_EQ(testutil::read_file(merged), merged_bytes);
+  EXPECT_EQ(testutil::read_file(filtered), filtered_bytes);
+}
+
+// The library cannot write a lexicon without terms; the tool finds out from
+// the counts first and refuses without touching the directory.
+TEST(TarnixLex, FilterThatKeepsNothingIsRefused) {
+  TempDir dir;
+  make_bucket(dir, 120, 3);
+  ASSERT_EQ(testutil::run({tool(), "-d", dir.path()}).status, 0);
+  uint32_t top = 0;
+  for (const auto& [t, c] : expected_union(dir)) top = std::max(top, c);
+  RunResult r = testutil::run({tool(), "-d", dir.path(), "--filter", std::to_string(top + 1)});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tarnix-lex: no term of " + dir.file("merged_lexicon.lex") + " has a count of at least " +
+                       std::to_string(top + 1) + "; the filtered lexicon would be empty, nothing written\n");
+  EXPECT_FALSE(exists(dir.file("filtered_merged_lexicon.lex")));
+  EXPECT_FALSE(exists(dir.file("filtered_merged_lexicon.lex.tmp")));
+  // The highest count itself keeps something.
+  r = testutil::run({tool(), "-d", dir.path(), "--filter", std::to_string(top)});
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = testutil::run({tool(), "--list", dir.file("filtered_merged_lexicon.lex")});
+  EXPECT_EQ(parse_list(r.out), at_least(expected_union(dir), top));
+}
+
+TEST(TarnixLex, DirectoryOutcomes) {
+  // One index file: nothing to merge, not a failure.
+  TempDir one;
+  ASSERT_NE(testutil::write_slice(one.path(), testutil::make_events(1, 3, 10, 100)), "");
+  RunResult r = testutil::run({tool(), "-d", one.path(), "-v"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "tarnix-lex: fewer than 2 index files in " + one.path() + ", nothing merged\n");
+  auto status = testutil::read_file(one.file("optimize.result"));
+  EXPECT_EQ(std::string(status.begin(), status.end()).rfind("tarnix-optimize-lex complete with rc=-30 wrc=[-30,", 0),
+            0u);
+  EXPECT_FALSE(exists(one.file("merged_lexicon.lex")));
+
+  // Filtering without a merged lexicon.
+  r = testutil::run({tool(), "-d", one.path(), "--filter", "1", "-v"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "Lexicon filtering aborted. Input file \"" + one.file("merged_lexicon.lex") +
+                       "\" does not exist.\n");
+  EXPECT_EQ(r.err.rfind("tarnix-lex: filtering failed: rc=-28 (ST_EEXISTS)", 0), 0u) << r.err;
+
+  // A directory that cannot be listed.
+  r = testutil::run({tool(), "-d", one.file("missing")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("failed to open file " + one.file("missing") + "/optimize.result\n"), std::string::npos);
+  EXPECT_NE(r.err.find("tarnix-lex: merging failed: rc=-1 (WS_ENOTAVAIL)"), std::string::npos) << r.err;
+}
+
+TEST(TarnixLex, ListRefusesWhatItCannotRead) {
+  TempDir dir;
+  testutil::write_file(dir.file("junk.lex"), std::vector<uint8_t>(100, 'x'));
+  struct {
+    std::string file;
+    std::string err_start;
+  } cases[] = {
+      {dir.file("missing.lex"), "tarnix-lex: cannot open " + dir.file("missing.lex") + ": "},
+      {dir.file("junk.lex"), "tarnix-lex: cannot read " + dir.file("junk.lex") + ": rc=-13 (WS_EMAGIC)"},
+  };
+  for (const auto& c : cases) {
+    RunResult r = testutil::run({tool(), "--list", c.file});
+    EXPECT_EQ(r.status, 1) << c.file;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err.rfind(c.err_start, 0), 0u) << r.err;
+  }
+}
+
+TEST(TarnixLex, UsageErrors) {
+  TempDir dir;
+  const std::vector<std::vector<std::string>> bad = {
+      {},
+      {"-d"},
+      {"-v"},
+      {"-d", dir.path(), "-b", "0"},
+      {"-d", dir.path(), "-b", "4294967296"},
+      {"-d", dir.path(), "-p", "8"},
+      {"-d", dir.path(), "-p", "12x"},
+      {"-d", dir.path(), "--filter", "-1"},
+      {"-d", dir.path(), "--filter"},
+      {"-d", dir.path(), "--prefix", "a"},
+      {"-d", dir.path(), "--native-counts"},
+      {"--list", "x", "-d", dir.path()},
+      {"--list", "x", "--filter", "2"},
+      {"--list", "x", "-b", "8"},
+      {"-d", dir.path(), "extra"},
+      {"-d", dir.path(), "--bogus"},
+  };
+  for (const auto& args : bad) {
+    std::vector<std::string> argv = {tool()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    RunResult r = testutil::run(argv);
+    std::string joined;
+    for (const auto& a : args) joined += a + " ";
+    EXPECT_EQ(r.status, 2) << joined;
+    EXPECT_EQ(r.err.rfind("tarnix-lex: ", 0), 0u) << joined;
+    EXPECT_NE(r.err.find("(try tarnix-lex --help)"), std::string::npos) << joined;
+    EXPECT_EQ(r.out, "") << joined;
+  }
+  // Nothing was written by a refused command line.
+  EXPECT_TRUE(testutil::list_dir(dir.path()).empty());
+
+  RunResult r = testutil::run({tool(), "--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("usage: tarnix-lex -d DIR", 0), 0u);
+  EXPECT_NE(r.out.find("--native-counts"), std::string::npos);
+}
+
+}  // namespace

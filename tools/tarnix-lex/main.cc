@@ -1,0 +1,254 @@
+// tarnix-lex: builds the directory-wide lexicon of a bucket directory
+// ("merged_lexicon.lex": every term of every index file with the sum of its
+// counts), its copy filtered by term frequency ("filtered_merged_lexicon.lex"),
+// and lists the terms and counts of such a lexicon-only file.
+//
+// The filter cannot make a lexicon without terms (the library treats that
+// as a broken promise and aborts), so before filtering the tool reads the
+// merged lexicon's counts and refuses, with a message and exit status 1, a
+// minimum count that no term reaches.
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "searchthing/lock.h"
+#include "searchthing/merged_lex.h"
+#include "searchthing/result.h"
+
+namespace {
+
+constexpr int EXIT_FAILED = 1;
+constexpr int EXIT_USAGE = 2;
+constexpr uint32_t DEFAULT_TPB = 64;
+constexpr uint64_t MIN_PAGE_SIZE = 9;   // an 8-byte page header and one byte
+
+constexpr const char USAGE[] =
+    "usage: tarnix-lex -d DIR [-v] [-b TPB] [-p PAGE_SIZE]\n"
+    "       tarnix-lex -d DIR --filter MIN_COUNT [-v] [-b TPB] [-p PAGE_SIZE]\n"
+    "       tarnix-lex --list FILE [--prefix P] [--native-counts]\n"
+    "\n"
+    "The first form merges the lexicons of the index files of the bucket\n"
+    "directory DIR (2 to 32 unlocked, non-empty \".tsidx\" files) into\n"
+    "DIR/merged_lexicon.lex: every term once, with the sum of its counts.\n"
+    "The second writes DIR/filtered_merged_lexicon.lex from it, keeping the\n"
+    "terms whose count is at least MIN_COUNT; its counts are stored in this\n"
+    "machine's byte order. Neither replaces an existing output file. Both\n"
+    "leave the line \"tarnix-optimize-lex complete with rc=... wrc=[...]\" in\n"
+    "DIR/optimize.result. A MIN_COUNT that no term reaches is refused before\n"
+    "anything is written (exit status 1).\n"
+    "The third prints \"TERM<tab>COUNT\" for every term of a lexicon-only file\n"
+    "(or index file), only those beginning with P when --prefix is given.\n"
+    "Counts are read in this machine's byte order for a file named\n"
+    "\"filtered_merged_lexicon.lex\" or with --native-counts, else big-endian.\n"
+    "\n"
+    "options:\n"
+    "  -d DIR            bucket directory\n"
+    "  --filter N        build the filtered lexicon with minimum count N\n"
+    "  -v                progress messages on standard output\n"
+    "  -b TPB            terms per lexicon block, at least 1 (default 64)\n"
+    "  -p PAGE_SIZE      page size of the lexicon writer in bytes, 0 for the\n"
+    "                    default of 1048576, else at least 9 (default 0)\n"
+    "  --list FILE       print the terms and counts of FILE\n"
+    "  --prefix P        with --list: only terms beginning with P\n"
+    "  --native-counts   with --list: counts in this machine's byte order\n"
+    "  --help            this text\n"
+    "\n"
+    "Exit status: 0 done (also when the directory has fewer than 2 index\n"
+    "files: nothing to merge), 1 failure (the code is printed), 2 usage error.\n";
+
+struct options {
+  const char* dir = nullptr;
+  bool filter = false;
+  uint32_t min_count = 0;
+  bool verbose = false;
+  uint32_t tpb = DEFAULT_TPB;
+  uint64_t page_size = 0;
+  const char* list = nullptr;
+  const char* prefix = nullptr;
+  bool native_counts = false;
+};
+
+[[noreturn]] void usage_error(const char* fmt, const char* arg) {
+  fprintf(stderr, "tarnix-lex: ");
+  fprintf(stderr, fmt, arg);
+  fprintf(stderr, "\n(try tarnix-lex --help)\n");
+  exit(EXIT_USAGE);
+}
+
+bool parse_u64(const char* s, uint64_t* out) {
+  if (s == nullptr || *s == '\0') return false;
+  uint64_t v = 0;
+  for (const char* p = s; *p != '\0'; ++p) {
+    if (*p < '0' || *p > '9') return false;
+    const auto d = static_cast<uint64_t>(*p - '0');
+    if (v > (UINT64_MAX - d) / 10) return false;
+    v = v * 10 + d;
+  }
+  *out = v;
+  return true;
+}
+
+options parse_args(int argc, char** argv) {
+  options o;
+  bool dir_mode_option = false;  // an option that only the directory forms take
+  auto value = [&](int* i) -> const char* {
+    if (*i + 1 >= argc) usage_error("%s needs a value", argv[*i]);
+    return argv[++*i];
+  };
+  auto number = [&](int* i, uint64_t max) {
+    const char* v = value(i);
+    uint64_t n;
+    if (!parse_u64(v, &n) || n > max) usage_error("not a valid number: \"%s\"", v);
+    return n;
+  };
+  for (int i = 1; i < argc; ++i) {
+    std::string_view a = argv[i];
+    if (a == "--help" || a == "-h") {
+      fputs(USAGE, stdout);
+      exit(0);
+    } else if (a == "-d") {
+      o.dir = value(&i);
+    } else if (a == "--filter") {
+      o.filter = true;
+      o.min_count = static_cast<uint32_t>(number(&i, UINT32_MAX));
+    } else if (a == "-v") {
+      o.verbose = true;
+      dir_mode_option = true;
+    } else if (a == "-b") {
+      uint64_t n = number(&i, UINT32_MAX);
+      if (n == 0) usage_error("%s must be at least 1", "-b");
+      o.tpb = static_cast<uint32_t>(n);
+      dir_mode_option = true;
+    } else if (a == "-p") {
+      uint64_t n = number(&i, UINT64_MAX);
+      if (n != 0 && n < MIN_PAGE_SIZE) usage_error("%s must be 0 or at least 9", "-p");
+      o.page_size = n;
+      dir_mode_option = true;
+    } else if (a == "--list") {
+      o.list = value(&i);
+    } else if (a == "--prefix") {
+      o.prefix = value(&i);
+    } else if (a == "--native-counts") {
+      o.native_counts = true;
+    } else {
+      usage_error("unknown argument \"%s\"", argv[i]);
+    }
+  }
+  if (o.list != nullptr) {
+    if (o.dir != nullptr || o.filter || dir_mode_option) {
+      usage_error("%s takes only --prefix and --native-counts", "--list");
+    }
+  } else {
+    if (o.dir == nullptr) usage_error("%s", "no bucket directory (-d DIR) and no --list FILE");
+    if (o.prefix != nullptr || o.native_counts) {
+      usage_error("%s", "--prefix and --native-counts go with --list");
+    }
+  }
+  return o;
+}
+
+// ---- --list ----------------------------------------------------------------------
+
+struct list_state {
+  std::string_view prefix;
+};
+
+int print_term(const char* term, uint32_t len, uint32_t count, void* cookie) {
+  const auto* s = static_cast<const list_state*>(cookie);
+  std::string_view t(term, len);
+  if (t.substr(0, s->prefix.size()) != s->prefix) return 0;
+  fwrite(term, 1, len, stdout);
+  printf("\t%u\n", count);
+  return 0;
+}
+
+int list_file(const options& o) {
+  int fd = open(o.list, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    fprintf(stderr, "tarnix-lex: cannot open %s: %s\n", o.list, strerror(errno));
+    return EXIT_FAILED;
+  }
+  // The filtered lexicon keeps its counts in the machine's own order.
+  std::string_view path(o.list);
+  size_t slash = path.rfind('/');
+  std::string_view base = slash == std::string_view::npos ? path : path.substr(slash + 1);
+  const bool native = o.native_counts || base == tarnix::ST_FILTERED_LEX_NAME;
+
+  list_state s{o.prefix != nullptr ? std::string_view(o.prefix) : std::string_view()};
+  tarnix::wrc w{};
+  int rc = tarnix::st_lex_file_walk(fd, native ? 1 : 0, print_term, &s, &w);
+  close(fd);
+  if (fflush(stdout) != 0) {
+    fprintf(stderr, "tarnix-lex: writing the list failed: %s\n", strerror(errno));
+    return EXIT_FAILED;
+  }
+  if (rc != 0) {
+    fprintf(stderr, "tarnix-lex: cannot read %s: rc=%i (%s)%s%s\n", o.list, rc, tarnix::st_rc_name(rc),
+            w.message[0] != '\0' ? " " : "", w.message);
+    return EXIT_FAILED;
+  }
+  return 0;
+}
+
+// ---- Directory forms --------------------------------------------------------------
+
+// 0 when filtering may go ahead, else the exit status. A missing merged
+// lexicon is left to the library, which refuses it with its own code.
+int check_filter_keeps_terms(const options& o) {
+  std::string input = std::string(o.dir) + "/" + tarnix::ST_MERGED_LEX_NAME;
+  int fd = open(input.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  uint32_t kept = 0;
+  tarnix::wrc w{};
+  int rc = tarnix::st_lex_file_count_kept(fd, o.min_count, &kept, &w);
+  close(fd);
+  if (rc != 0) {
+    fprintf(stderr, "tarnix-lex: cannot read %s: rc=%i (%s)\n", input.c_str(), rc, tarnix::st_rc_name(rc));
+    return EXIT_FAILED;
+  }
+  if (kept == 0) {
+    fprintf(stderr,
+            "tarnix-lex: no term of %s has a count of at least %u; the filtered lexicon would be empty, "
+            "nothing written\n",
+            input.c_str(), o.min_count);
+    return EXIT_FAILED;
+  }
+  return 0;
+}
+
+int run_dir(const options& o) {
+  if (o.filter) {
+    int refused = check_filter_keeps_terms(o);
+    if (refused != 0) return refused;
+  }
+  tarnix::wrc w{};
+  int rc = tarnix::st_optimize_lex(o.dir, o.verbose ? 1 : 0, o.tpb, o.page_size, o.min_count, o.filter ? 1 : 0, &w);
+  fflush(stdout);
+  if (rc != 0) {
+    // A failed move's message has no line end of its own.
+    if (o.verbose && rc == tarnix::ST_EMOVE) printf("\n");
+    fflush(stdout);
+    fprintf(stderr, "tarnix-lex: %s failed: rc=%i (%s) errno=%i%s%s\n", o.filter ? "filtering" : "merging", rc,
+            tarnix::st_rc_name(rc), w.warm_errno, w.message[0] != '\0' ? " " : "", w.message);
+    return EXIT_FAILED;
+  }
+  if (w.warm_rc == tarnix::ST_EFEWFILES || w.warm_rc == tarnix::ST_ENOGROUP) {
+    fprintf(stderr, "tarnix-lex: fewer than 2 index files in %s, nothing merged\n", o.dir);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  tarnix::st_init();
+  options o = parse_args(argc, argv);
+  return o.list != nullptr ? list_file(o) : run_dir(o);
+}
