@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "searchthing/check.h"
 
@@ -92,13 +93,23 @@ char* st_warm_slice_filename_from_time(char* dst, const char* prefix, const char
                                        int32_t earliest, int32_t latest) noexcept {
   ST_ASSERT_TEXT(prefix != nullptr, "prefix != ((void *)0)");
   ST_ASSERT_TEXT(*prefix != '\0', "*prefix != '\\0'");
-  // Work on a copy so that a trailing '/' can be dropped.
-  char copy[PATH_BUF_SZ];
-  snprintf(copy, sizeof(copy), "%s", prefix);
-  size_t n = strlen(copy);
-  if (n > 1 && copy[n - 1] == '/') copy[n - 1] = '\0';
-  snprintf(dst, PATH_BUF_SZ, "%s/%d-%d-%llu%s", copy, latest, earliest,
-           static_cast<unsigned long long>(st_unique_id()), suffix == nullptr ? "" : suffix);
+  // The prefix is used as a copy without its trailing '/'.
+  size_t plen = strlen(prefix);
+  if (plen > 1 && prefix[plen - 1] == '/') --plen;
+  char tail[96];
+  snprintf(tail, sizeof(tail), "/%d-%d-%llu", latest, earliest,
+           static_cast<unsigned long long>(st_unique_id()));
+  const char* sfx = suffix == nullptr ? "" : suffix;
+  // Assembled by hand, cut at the buffer's end like a formatted write would be.
+  size_t pos = 0;
+  for (const auto& [p, n] : {std::pair<const char*, size_t>{prefix, plen},
+                             std::pair<const char*, size_t>{tail, strlen(tail)},
+                             std::pair<const char*, size_t>{sfx, strlen(sfx)}}) {
+    size_t take = n < PATH_BUF_SZ - 1 - pos ? n : PATH_BUF_SZ - 1 - pos;
+    memcpy(dst + pos, p, take);
+    pos += take;
+  }
+  dst[pos] = '\0';
   return dst;
 }
 
