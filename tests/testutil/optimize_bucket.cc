@@ -112,9 +112,61 @@ std::vector<std::string> tsidx_names(const std::string& dir) {
   for (const std::string& name : list_dir(dir)) {
     int32_t earliest, latest;
     uint64_t id;
-    if (tarnix::st_tsidx_file_parse(name.c_str(), &earliest, &latest, &id) == 1) names.push_back(name);
+    if (tarnix::st_tsidx_file_parse(name.c_str(), &earliest, &latest, &id) == 1)
+      names.push_back(name);
   }
   return names;
+}
+
+namespace {
+
+bool match_at(const std::string& t, size_t ti, const std::string& p, size_t pi) {
+  while (pi < p.size()) {
+    if (p.compare(pi, 3, "{*}") == 0) {
+      for (size_t k = ti; k <= t.size(); ++k) {
+        if (match_at(t, k, p, pi + 3)) return true;
+      }
+      return false;
+    }
+    if (p.compare(pi, 3, "{N}") == 0) {
+      size_t k = ti;
+      if (k < t.size() && t[k] == '-') ++k;
+      size_t digits = k;
+      while (k < t.size() && t[k] >= '0' && t[k] <= '9') ++k;
+      if (k == digits) return false;
+      ti = k;
+      pi += 3;
+      continue;
+    }
+    if (ti >= t.size() || t[ti] != p[pi]) return false;
+    ++ti;
+    ++pi;
+  }
+  return ti == t.size();
+}
+
+}  // namespace
+
+bool pattern_match(const std::string& text, const std::string& pattern) {
+  return match_at(text, 0, pattern, 0);
+}
+
+std::string strip_times(const std::string& text) {
+  std::string out;
+  size_t i = 0;
+  while (i < text.size()) {
+    if (text.compare(i, 3, "tm=") == 0) {
+      size_t k = i + 3;
+      while (k < text.size() && text[k] >= '0' && text[k] <= '9') ++k;
+      if (k > i + 3 && k < text.size() && text[k] == ' ') {
+        out += "tm=T ";
+        i = k + 1;
+        continue;
+      }
+    }
+    out += text[i++];
+  }
+  return out;
 }
 
 std::vector<posting> postings_of(const std::vector<event>& events) {

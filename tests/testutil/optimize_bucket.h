@@ -35,6 +35,14 @@ bool read_postings(const std::string& path, std::vector<posting>* out);
 // Names of the "%d-%d-%llu.tsidx" files of a directory, sorted.
 std::vector<std::string> tsidx_names(const std::string& dir);
 
+// Whole-text match of a pattern that is literal except for "{N}" (an
+// optional minus and one or more decimal digits) and "{*}" (any text,
+// line ends included).
+bool pattern_match(const std::string& text, const std::string& pattern);
+
+// The text with every "tm=<digits> " replaced by "tm=T ".
+std::string strip_times(const std::string& text);
+
 // The events as postings, sorted.
 std::vector<posting> postings_of(const std::vector<event>& events);
 
