@@ -298,16 +298,23 @@ TEST_F(MergedLex, VerboseMessagesGoToStdoutOnlyWhenAsked) {
     }
   }
 
-  // Refusals.
+  // Refusals, in this order: both outputs exist, then the filter's input
+  // is gone.
+  testing::internal::CaptureStdout();
+  wrc fw{};
+  ASSERT_EQ(st_optimize_lex(dir.path().c_str(), 1, 64, 0, 0, 1, &fw), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("filtering merged lexicon\n", 0), 0u);
   struct {
     int filter;
+    bool drop_input;
     std::string text;
   } refusals[] = {
-      {0, "Lexicon merge aborted. Output file \"" + merged() + "\" already exists.\n"},
-      {1, "Lexicon filtering aborted. Input file \"" + merged() + "\" does not exist.\n"},
+      {0, false, "Lexicon merge aborted. Output file \"" + merged() + "\" already exists.\n"},
+      {1, false, "Lexicon filtering aborted. Output file \"" + filtered() + "\" already exists.\n"},
+      {1, true, "Lexicon filtering aborted. Input file \"" + merged() + "\" does not exist.\n"},
   };
   for (const auto& r : refusals) {
-    if (r.filter) unlink(merged().c_str());
+    if (r.drop_input) unlink(merged().c_str());
     testing::internal::CaptureStdout();
     wrc w{};
     EXPECT_EQ(st_optimize_lex(dir.path().c_str(), 1, 64, 0, 0, r.filter, &w), ST_EEXISTS);
