@@ -185,6 +185,12 @@ int move_retry_time(const char* intermediate, const char* dir, int32_t earliest,
   return err;
 }
 
+void _so_log_dir_listing(tsidx* t, FILE* log) noexcept {
+  if (log == nullptr) return;
+  fprintf(log, "tm=%ld dir listing for %s\n", now_s(), t->path);
+  (void)_st_tsidx_apply(t, INT_MIN, INT_MAX, _log_dir_entry, log, 0, nullptr);
+}
+
 const char* _so_finished_text(int32_t rc) noexcept {
   static const char* const texts[32] = {
       "no suitable pair of tsidx found for optimize",  // -31
@@ -357,10 +363,7 @@ int _optimize_pass(tsidx* t, int32_t mode, FILE* log, uint32_t min_src_count, ui
     return ST_ELOCK;
   }
   if (move_retry_time(intermediate, dir, earliest, latest, log) != 0) {
-    if (log != nullptr) {
-      fprintf(log, "tm=%ld dir listing for %s\n", now_s(), dir);
-      (void)_st_tsidx_apply(t, INT_MIN, INT_MAX, _log_dir_entry, log, 0, nullptr);
-    }
+    _so_log_dir_listing(t, log);
     (void)st_unlock(dir);
     ps.close_slots();
     ps.unlock_sources();

@@ -93,6 +93,10 @@ int move_retry_time(const char* intermediate, const char* dir, int32_t earliest,
 // number printed is *errno_ptr when given, else w->warm_errno.
 void _log_optimize_finished(FILE* log, const wrc* w, const int* errno_ptr) noexcept;
 
+// After a failed move: "dir listing for <dir>" and one line per directory
+// entry (its full path; "." and ".." included) on the log, if one is set.
+void _so_log_dir_listing(tsidx* t, FILE* log) noexcept;
+
 // The text of the closing log line for a pass code.
 const char* _so_finished_text(int32_t rc) noexcept;
 

@@ -127,6 +127,41 @@ TEST(OptimizeRun, MissingDirectoryCannotBeLocked) {
   EXPECT_EQ(testutil::list_dir(d.path()), std::vector<std::string>{});
 }
 
+TEST(OptimizeRun, RegularFileAsDirectoryCannotBeListed) {
+  testutil::TempDir d;
+  const std::string file = d.file("not-a-dir");
+  testutil::write_file(file, {'x'});
+  testutil::RunResult r = run_opt({"-d", file, "-v", "--final"});
+  EXPECT_EQ(r.status, 255);
+  EXPECT_TRUE(testutil::pattern_match(
+      r.err,
+      "{*}tm={N} optimize finished: failed, see rc for more details, (rc=-1 errno={N})\n"
+      "tm={N} exiting tarnix-optimize process with rc=-1\n"))
+      << r.err;
+  // Neither a status file (there is no directory) nor a lock is left.
+  EXPECT_EQ(testutil::list_dir(d.path()), std::vector<std::string>{"not-a-dir"});
+}
+
+TEST(OptimizeRun, ExtraSpaceLimitCutsTheGroup) {
+  struct {
+    std::string limit;
+    size_t files_left;
+  } cases[] = {
+      {"1", 2},                        // only the seed pair, which is never held against the limit
+      {"99999999999999999999999", 1},  // an overflowing limit means none
+      {"0", 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.limit);
+    testutil::TempDir d;
+    auto all = fill_bucket(d.path(), 3, 2);
+    testutil::RunResult r = run_opt({"-d", d.path(), "-s", "2", "-i", "1", "-x", c.limit});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(testutil::tsidx_names(d.path()).size(), c.files_left);
+    EXPECT_EQ(all_postings(d.path()), testutil::postings_of(all));
+  }
+}
+
 TEST(OptimizeRun, MergesGroupIntoFreshNameAndRemovesSources) {
   testutil::TempDir d;
   std::vector<testutil::event> all;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -128,6 +129,34 @@ TEST(OptimizeCommit, MoveRetryTimeGivesUpAfterTenAttempts) {
                          " eno=" + std::to_string(ENOENT) + "\n");
   EXPECT_TRUE(testutil::pattern_match(text, last)) << text;
   EXPECT_EQ(testutil::list_dir(d.path()), std::vector<std::string>{});
+}
+
+TEST(OptimizeCommit, DirectoryListingAfterFailedMove) {
+  testutil::TempDir d;
+  testutil::write_file(d.file("1-1-1.tsidx"), {'x'});
+  testutil::write_file(d.file("a:b-c.merge"), {});
+  tsidx* t = st_tsidx_open(d.path().c_str(), 0, 0, 0);
+  ASSERT_NE(t, nullptr);
+  memlog log;
+  _so_log_dir_listing(t, log.get());
+  _so_log_dir_listing(t, nullptr);
+  EXPECT_EQ(st_tsidx_close(t), 0);
+  // Entries come in listing order; compare them sorted.
+  std::string text = log.text();
+  size_t first_end = text.find('\n');
+  ASSERT_NE(first_end, std::string::npos);
+  EXPECT_TRUE(testutil::pattern_match(text.substr(0, first_end + 1),
+                                      "tm={N} dir listing for " + d.path() + "\n"));
+  std::vector<std::string> entries;
+  for (size_t p = first_end + 1; p < text.size();) {
+    size_t e = text.find('\n', p);
+    entries.push_back(testutil::strip_times(text.substr(p, e - p)));
+    p = e + 1;
+  }
+  std::sort(entries.begin(), entries.end());
+  EXPECT_EQ(entries, (std::vector<std::string>{
+                         "tm=T \t" + d.path() + "/.", "tm=T \t" + d.path() + "/..",
+                         "tm=T \t" + d.file("1-1-1.tsidx"), "tm=T \t" + d.file("a:b-c.merge")}));
 }
 
 class OptimizeInProcess : public ::testing::Test {
