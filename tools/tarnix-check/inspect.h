@@ -636,7 +636,9 @@ class column_reader {
     off_ = col_off;
     size_ = col_size;
     nbits_ = nbits;
-    win_.assign(static_cast<size_t>(WINDOW_GROUPS) * std::max<uint32_t>(nbits, 1) + 8, 0);
+    // A width outside 1..32 (a damaged header) reads as 0 everywhere.
+    const uint32_t width = nbits >= 1 && nbits <= 32 ? nbits : 1;
+    win_.assign(static_cast<size_t>(WINDOW_GROUPS) * width + 8, 0);
     base_ = ~0ull;
   }
   // Element i (0 where the column is shorter than it should be).
