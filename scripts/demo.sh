@@ -9,15 +9,21 @@ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNIX_BUILD_T
 cmake --build "$dir" -j "$(nproc 2>/dev/null || echo 2)"
 bucket=${BUCKET:-$(mktemp -d /tmp/tarnix-bucket-XXXXXX)}
 events=${EVENTS:-200000}
+# Slice limits of a small indexer: about 30 slices for 200000 events.
+limits="--max-values 8192 --max-terms 131072 --max-term-chars 4194304 --max-postings 262144"
 if [ ! -x "$dir/tarnix-index" ]; then
   echo "tarnix-index is not built yet; would run:"
-  echo "  $dir/tarnix-index --generate $events --seed 1 -d $bucket --max-values 8192"
+  echo "  $dir/tarnix-index --generate $events --seed 1 -d $bucket $limits"
   echo "  $dir/tarnix-optimize -v -d $bucket"
   exit 0
 fi
 echo "== generating $events events into $bucket"
-"$dir/tarnix-index" --generate "$events" --seed 1 -d "$bucket" --max-values 8192
+"$dir/tarnix-index" --generate "$events" --seed 1 -d "$bucket" $limits
 echo "== before: $(ls "$bucket" | grep -c '\.tsidx$') index files, $(du -sh "$bucket" | cut -f1)"
 "$dir/tarnix-optimize" -v -d "$bucket"
 echo "== after: $(ls "$bucket" | grep -c '\.tsidx$') index files, $(du -sh "$bucket" | cut -f1)"
 ls -l "$bucket"
+if [ -x "$dir/tarnix-check" ]; then
+  echo "== checking the merged bucket"
+  "$dir/tarnix-check" "$bucket"
+fi
