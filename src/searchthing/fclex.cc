@@ -7,6 +7,8 @@
 // st_fclex_get); walks (st_fclex_apply, st_fclex_enum).
 #include "searchthing/fclex.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -252,7 +254,21 @@ fclex* st_fclex_open_fd(int fd, uint64_t offset) noexcept {
   uint32_t count = load_be32(hdr.get());
   uint32_t tperb = load_be32(hdr.get() + 4);
   if (count == 0 || tperb == 0) return nullptr;
+  // The header is not trusted: the section it describes must lie inside the
+  // file (as a read of its last block would find), and no block can be
+  // larger than the blocks area, so the cache never grows with a claimed
+  // count that the file cannot hold. It still takes a whole first term.
+  uint64_t nblocks = _how_many_blocks_helper(count, tperb);
+  uint8_t last[4];
+  if (!_pread_verify(fd, last, 4, offset + FCLEX_HEADER_SZ + 4 * nblocks - 4, "reading fclex body"))
+    return nullptr;
+  uint64_t blocks_sz = load_be32(last);
+  struct stat st {};
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+      offset + FCLEX_HEADER_SZ + 4 * nblocks + blocks_sz > static_cast<uint64_t>(st.st_size))
+    return nullptr;
   uint64_t cache_sz = block_cache_bytes(count, tperb);
+  if (cache_sz > blocks_sz) cache_sz = blocks_sz < _max_block_size(1) ? _max_block_size(1) : blocks_sz;
   if (cache_sz > MAX_BLOCK_CACHE_SZ) return nullptr;
   byte_buf cache(static_cast<uint8_t*>(calloc(1, cache_sz)));
   if (!cache) return nullptr;

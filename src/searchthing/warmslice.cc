@@ -261,6 +261,10 @@ warm* _map_for_reading_fd(int fd, wrc* wrc_o) noexcept {
   w->metadata_offset = map_sz;
 
   const uint64_t lex_off = size_without_vardata(&h);
+  // Sized before the handle is made: a lexicon that claims more than the
+  // file holds is a short file (-7), found before its block cache is sized.
+  const uint64_t claimed = lex_extent(fd, lex_off);
+  if (claimed != 0 && lex_off + claimed > file_size) return _set_rc(wrc_o, WS_ETRUNC), nullptr;
   w->lex = st_fclex_open_fd(fd, lex_off);
   if (w->lex == nullptr) return _set_rc_verbose(wrc_o, WS_ELEX, -1, "st_fclex_open_fd"), nullptr;
   const uint64_t lex_sz = st_fclex_size(w->lex);
@@ -269,6 +273,8 @@ warm* _map_for_reading_fd(int fd, wrc* wrc_o) noexcept {
   if (end > file_size) return _set_rc(wrc_o, WS_ETRUNC), nullptr;
   if (_has_reverse_lex(&h)) {
     const uint64_t rev_off = round4(end);
+    const uint64_t rev_claimed = lex_extent(fd, rev_off);
+    if (rev_claimed != 0 && rev_off + rev_claimed > file_size) return _set_rc(wrc_o, WS_ETRUNC), nullptr;
     fclex* rl = st_fclex_open_fd(fd, rev_off);
     if (rl == nullptr) return _set_rc_verbose(wrc_o, WS_ELEX, -1, "st_fclex_open_fd for reverse lex"), nullptr;
     const uint64_t rev_sz = st_fclex_size(rl);
