@@ -605,6 +605,12 @@ int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* whic
       if (r != 0 && r != 0xFFFFFFFFu)
         return _set_rc_verbose(w, static_cast<int>(r), static_cast<int>(s),
                                "_reload_term in st_fclex_merge_n");
+      // Terms of a source must strictly ascend (the writer's previous term
+      // is the one just consumed): a damaged source out of order would
+      // give an unsorted merged lexicon and bitmaps that renumber postings
+      // onto the wrong terms.
+      if (!exhausted(*cxt) && strcmp(cxt->_cur_term, writer->prev_term) <= 0)
+        return _set_rc_verbose(w, WS_EDATA, static_cast<int>(s), "terms out of order in st_fclex_merge_n");
     }
   }
 }
