@@ -106,3 +106,38 @@ TEST(FuzzRegression, IndexFileLexiconBeyondTheFile) {
 }
 
 }  // namespace
+
+namespace {
+
+// Merges the files of d named in sources into d/out.tsidx; the merge's code.
+int merge_in(const testutil::TempDir& d, const std::vector<std::string>& sources, tarnix::wrc* w) {
+  std::vector<int> fds;
+  for (const auto& s : sources) fds.push_back(open(d.file(s).c_str(), O_RDONLY | O_CLOEXEC));
+  int tgt = open(d.file("out.tsidx").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  int rc = tarnix::st_warm_slice_merge_n(0, tgt, fds.data(), static_cast<uint32_t>(fds.size()), 4, 0, w, 0);
+  for (int fd : fds) close(fd);
+  close(tgt);
+  return rc;
+}
+
+// A source whose lexicon holds "id28" before "id24": the merge used to copy
+// the disorder into a merged lexicon in which lookups fail. Now the merge
+// refuses the source as inconsistent data, naming it.
+TEST(FuzzRegression, MergeRefusesLexiconOutOfOrder) {
+  testutil::TempDir d;
+  testutil::write_file(d.file("bad.tsidx"), corpus_file("merge", "lexicon-terms-out-of-order"));
+  testutil::write_file(d.file("copy.tsidx"), corpus_file("merge", "lexicon-terms-out-of-order"));
+  for (const auto& sources : std::vector<std::vector<std::string>>{{"bad.tsidx"}, {"bad.tsidx", "copy.tsidx"}}) {
+    tarnix::wrc w{};
+    EXPECT_EQ(tarnix::WS_EDATA, merge_in(d, sources, &w));
+    EXPECT_EQ(tarnix::WS_EDATA, w.warm_rc);
+    EXPECT_EQ(0, w.source_index);
+    EXPECT_STREQ("terms out of order in st_fclex_merge_n", w.message);
+    // The target never got a header.
+    std::vector<uint8_t> out = testutil::read_file(d.file("out.tsidx"));
+    ASSERT_GE(out.size(), 8u);
+    EXPECT_EQ(std::vector<uint8_t>(8, 0), std::vector<uint8_t>(out.begin(), out.begin() + 8));
+  }
+}
+
+}  // namespace
