@@ -702,6 +702,12 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
 
   c_ptr<warm_header> src_hdrs(_read_src_headers(src_fds, src_count, w));
   if (!src_hdrs) return w->warm_rc;
+  // A lexicon-only file ("TarLex1") has no values and short metadata: it
+  // cannot be a source of an index-file merge, whatever its name says.
+  for (uint32_t i = 0; i < src_count; ++i) {
+    if (!_has_full_metadata(&src_hdrs.get()[i]))
+      return _set_rc_verbose(w, WS_EMAGIC, static_cast<int>(i), "lexicon-only file as merge source");
+  }
 
   c_ptr<uint32_t> mapping(_merge_values(src_fds, src_hdrs.get(), src_count, tgt_fd, &tgt_hdr, w, tstats));
   if (!mapping) return w->warm_rc;
