@@ -140,4 +140,18 @@ TEST(FuzzRegression, MergeRefusesLexiconOutOfOrder) {
   }
 }
 
+// An index file whose magic says "TarLex1" (a lexicon-only file) among the
+// sources: the metadata phase used to abort on its short entries after the
+// postings were written. Refused up front, naming the source.
+TEST(FuzzRegression, MergeRefusesLexiconOnlySource) {
+  testutil::TempDir d;
+  testutil::write_file(d.file("lexonly.tsidx"), corpus_file("merge", "lexicon-only-source"));
+  testutil::write_file(d.file("good.tsidx"), corpus_file("merge", "lexicon-terms-out-of-order"));
+  tarnix::wrc w{};
+  EXPECT_EQ(tarnix::WS_EMAGIC, merge_in(d, {"good.tsidx", "lexonly.tsidx"}, &w));
+  EXPECT_EQ(1, w.source_index);
+  EXPECT_STREQ("lexicon-only file as merge source", w.message);
+  EXPECT_TRUE(testutil::read_file(d.file("out.tsidx")).empty());
+}
+
 }  // namespace
