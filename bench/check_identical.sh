@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Checks that tarnix-optimize still writes byte-identical merged files.
+#
+#   bench/check_identical.sh [--record] [CORPUS...]
+#
+# A corpus is "EVENTS:MAX_VALUES[:dup]": EVENTS synthetic events (seed 1)
+# indexed with at most MAX_VALUES events per slice; with ":dup" the events
+# are indexed twice, so that every value has a twin (same time and address)
+# in another file. Each bucket is merged with "tarnix-optimize -m all" into
+# one file, whose SHA-256 (the name holds a time-based id, so the content is
+# compared, not the name) is compared with bench/identical.sha256. --record
+# writes that file instead, from the build at hand.
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${BUILD:-$ROOT/build-bench}
+WORK=${WORK:-/tmp/tarnix-identical}
+SUMS=$ROOT/bench/identical.sha256
+record=0
+if [ "${1:-}" = --record ]; then record=1; shift; fi
+if [ $# -eq 0 ]; then set -- 20000:700 20000:700:dup 200000:7144 1000000:35700; fi
+
+if [ ! -x "$BUILD/tarnix-optimize" ] || [ ! -x "$BUILD/tarnix-index" ]; then
+  cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DTARNIX_BUILD_TESTS=OFF -DTARNIX_BUILD_BENCH=OFF >/dev/null
+  ninja -C "$BUILD" tarnix-optimize tarnix-index >/dev/null
+fi
+
+mkdir -p "$WORK"
+[ $record -eq 1 ] && : >"$SUMS.new"
+fail=0
+for corpus in "$@"; do
+  IFS=: read -r n maxv dup <<<"$corpus"
+  events=$WORK/events-$n.tsv
+  [ -s "$events" ] || "$BUILD/tarnix-index" --generate "$n" --seed 1 --emit-events >"$events"
+  dir=$WORK/bucket
+  rm -rf "$dir" && mkdir -p "$dir"
+  args=(-d "$dir" -q --max-values "$maxv" --max-terms 100000000 --max-term-chars 1000000000
+        --max-postings 1000000000)
+  "$BUILD/tarnix-index" "${args[@]}" "$events"
+  [ "${dup:-}" = dup ] && "$BUILD/tarnix-index" "${args[@]}" "$events"
+  files=$(ls "$dir"/*.tsidx | wc -l)
+  "$BUILD/tarnix-optimize" -m all -d "$dir"
+  out=$(ls "$dir"/*.tsidx)
+  [ "$(echo "$out" | wc -l)" -eq 1 ] || { echo "check: $corpus: more than one file after the merge" >&2; exit 1; }
+  sum=$(sha256sum "$out" | cut -d' ' -f1)
+  size=$(stat -c %s "$out")
+  if [ $record -eq 1 ]; then
+    echo "$corpus $files $size $sum" >>"$SUMS.new"
+    echo "recorded $corpus: $files files -> $size bytes $sum"
+  else
+    want=$(awk -v c="$corpus" '$1 == c { print $4 }' "$SUMS")
+    if [ -z "$want" ]; then
+      echo "check: $corpus: no recorded sum" >&2
+      fail=1
+    elif [ "$want" = "$sum" ]; then
+      echo "identical $corpus: $files files -> $size bytes $sum"
+    else
+      echo "DIFFERENT $corpus: $files files -> $size bytes $sum, recorded $want" >&2
+      fail=1
+    fi
+  fi
+  rm -rf "$dir"
+done
+[ $record -eq 1 ] && mv "$SUMS.new" "$SUMS"
+exit $fail
