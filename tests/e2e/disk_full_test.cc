@@ -1,0 +1,130 @@
+// A merge that runs out of disk space: on a small tmpfs (mounted here, so
+// the test needs root; it is skipped otherwise), the bucket's sources are
+// put in place and the rest of the file system is filled up to a few bytes.
+// tarnix-optimize must then fail with the merge's code as its exit status,
+// print its "merge failed" line on standard error, and leave every source
+// byte for byte as it was, with no new index file beside them.
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "testutil/optimize_bucket.h"
+#include "testutil/testutil.h"
+
+namespace {
+
+constexpr const char* TMPFS_SIZE = "size=2m";
+
+class DiskFull : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "mounting a size-limited tmpfs needs root";
+    mnt_ = tmp_.path() + "/mnt";
+    ASSERT_EQ(0, mkdir(mnt_.c_str(), 0700));
+    if (mount("tmpfs", mnt_.c_str(), "tmpfs", 0, TMPFS_SIZE) != 0) {
+      GTEST_SKIP() << "cannot mount a tmpfs here: " << strerror(errno);
+    }
+    mounted_ = true;
+    // Sources made once, outside the small file system.
+    src_ = tmp_.path() + "/sources";
+    ASSERT_EQ(0, mkdir(src_.c_str(), 0700));
+    testutil::RunResult r = testutil::run({testutil::bin("tarnix-index"), "--generate", "4000", "--seed", "2",
+                                           "-d", src_, "--max-values", "500", "-q"});
+    ASSERT_EQ(0, r.status) << r.err;
+    for (const std::string& n : testutil::tsidx_names(src_)) sources_[n] = testutil::read_file(src_ + "/" + n);
+    ASSERT_GE(sources_.size(), 4u);
+  }
+
+  void TearDown() override {
+    if (mounted_) {
+      EXPECT_EQ(0, umount2(mnt_.c_str(), MNT_DETACH)) << strerror(errno);
+    }
+  }
+
+  // Empties the tmpfs, puts the sources into a bucket on it and fills the
+  // file system until `leave` bytes are free (none filled when leave < 0).
+  std::string prepare(long long leave) {
+    for (const std::string& n : testutil::list_dir(mnt_)) testutil::remove_tree(mnt_ + "/" + n);
+    const std::string bucket = mnt_ + "/bucket";
+    EXPECT_EQ(0, mkdir(bucket.c_str(), 0700));
+    for (const auto& [name, bytes] : sources_) testutil::write_file(bucket + "/" + name, bytes);
+    if (leave >= 0) {
+      struct statvfs sv;
+      EXPECT_EQ(0, statvfs(mnt_.c_str(), &sv));
+      long long avail = static_cast<long long>(sv.f_bavail) * static_cast<long long>(sv.f_bsize);
+      long long fill = avail - leave;
+      int fd = open((mnt_ + "/filler").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+      EXPECT_GE(fd, 0);
+      std::vector<char> chunk(65536, 'f');
+      while (fill > 0) {
+        ssize_t n = write(fd, chunk.data(), static_cast<size_t>(std::min<long long>(fill, 65536)));
+        if (n <= 0) break;
+        fill -= n;
+      }
+      close(fd);
+    }
+    return bucket;
+  }
+
+  testutil::RunResult optimize(const std::string& bucket) {
+    return testutil::run({testutil::bin("tarnix-optimize"), "-d", bucket, "-m", "all", "-s", "2", "-i", "1"},
+                         {"OPTIMISTIC_ABOUT_FILE_LOCKING=1", "LOG_TARNIX_OPTIMIZE"});
+  }
+
+  testutil::TempDir tmp_;
+  std::string mnt_;
+  std::string src_;
+  bool mounted_ = false;
+  std::map<std::string, std::vector<uint8_t>> sources_;
+};
+
+// With room to spare the same bucket merges: the failures below are the
+// disk's doing.
+TEST_F(DiskFull, WithRoomTheMergeSucceeds) {
+  const std::string bucket = prepare(-1);
+  testutil::RunResult r = optimize(bucket);
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(std::string::npos, r.err.find("merge failed"));
+  EXPECT_EQ(1u, testutil::tsidx_names(bucket).size());
+}
+
+// Out of space at different depths of the merge: at once, inside the value
+// table or columns, and somewhere in the lexicon or the postings.
+TEST_F(DiskFull, MergeFailsAndLeavesEverySourceIntact) {
+  for (long long leave : {0LL, 4096LL, 32768LL, 131072LL}) {
+    SCOPED_TRACE("free bytes " + std::to_string(leave));
+    const std::string bucket = prepare(leave);
+    testutil::RunResult r = optimize(bucket);
+
+    // The "merge failed" line names the code, which is the exit status.
+    const size_t at = r.err.find("merge failed for path=" + bucket + " rc=");
+    ASSERT_NE(std::string::npos, at) << r.err;
+    const int rc = atoi(r.err.c_str() + at + strlen("merge failed for path=") + bucket.size() + strlen(" rc="));
+    EXPECT_LT(rc, 0);
+    EXPECT_EQ(rc & 0xff, r.status) << r.err;
+    // The system's own reason is kept with it.
+    EXPECT_NE(std::string::npos, r.err.find(" errno=" + std::to_string(ENOSPC) + " ", at)) << r.err;
+    EXPECT_TRUE(testutil::pattern_match(r.err.substr(at), "merge failed for path=" + bucket +
+                                                              " rc={N} wrc={N} errno={N} file={*}]\n"))
+        << r.err;
+
+    // Every source as it was, and nothing else under a final name.
+    std::vector<std::string> names = testutil::tsidx_names(bucket);
+    EXPECT_EQ(sources_.size(), names.size());
+    for (const auto& [name, bytes] : sources_) {
+      EXPECT_EQ(bytes, testutil::read_file(bucket + "/" + name)) << name;
+    }
+  }
+}
+
+}  // namespace
