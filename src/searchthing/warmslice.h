@@ -169,6 +169,11 @@ int _init_reader_helper(plist_reader* r, int fd, uint64_t table_offset, uint32_t
 int _seek_reader(plist_reader* r, uint32_t term_id) noexcept;
 // 0, -8 or -12; value END_OF_LIST at the end of the list.
 int _next(plist_reader* r, uint32_t* value) noexcept;
+// Up to cap values at once: the first exactly as _next gives it (its code is
+// the result; END_OF_LIST ends the list), then as many more as the buffered
+// bytes hold without another read and without a fault, so that a fault or
+// a read happens at the same value as with _next. *n values are stored.
+int _next_batch(plist_reader* r, uint32_t* values, uint32_t cap, uint32_t* n) noexcept;
 int _seek(plist_reader* r, uint32_t target, uint32_t* value) noexcept;
 void close_plist_reader(plist_reader* r) noexcept;
 

@@ -147,6 +147,10 @@ int value_writer_put(value_writer* writer, const uint8_t rec[TSVAL_RECORD_SZ]) n
 // ---- Postings ------------------------------------------------------------------------
 
 inline constexpr uint32_t PLO_CACHE_ENTRIES = 0x100000;
+// Source ids decoded and translated at once: the mapping loads of a batch
+// are independent of each other, so their cache misses overlap instead of
+// following one another.
+inline constexpr uint32_t ID_BATCH = 256;
 
 struct posting_src {
   plist_reader reader;
@@ -155,13 +159,57 @@ struct posting_src {
   const uint32_t* slice; // this source's part of the id mapping
   uint32_t num_values;   // ids at or above this are corrupt
   bool open;
+  uint32_t pos;          // ids[pos] is head
+  uint32_t cnt;          // translated ids in ids
+  int held_rc;           // fault met after ids[cnt - 1], reported when reached
+  uint32_t ids[ID_BATCH];
 };
 
-// Translates a source id; ids beyond the source's values are corrupt data.
-inline int translate(posting_src* s, uint32_t id) noexcept {
-  if (id >= s->num_values) return WS_EDATA;
-  s->head = s->slice[id];
+// Next batch of the current list: head becomes its first target id, or
+// UINT_MAX at the end of the list. Returns 0 or the fault of the list's next
+// value; *beyond tells a source id past the source's values (corrupt data)
+// from a read fault. A fault further into the batch is held back until the
+// postings before it are taken, so faults surface in the same order as when
+// reading one id at a time.
+int fill(posting_src* s, bool* beyond) noexcept {
+  *beyond = false;
+  s->pos = 0;
+  s->cnt = 0;
+  s->held_rc = WS_SUCCESS;
+  uint32_t n = 0;
+  int rc = _next_batch(&s->reader, s->ids, ID_BATCH, &n);
+  if (rc != 0) return rc;
+  if (s->ids[0] == UINT_MAX) {
+    s->head = UINT_MAX;
+    return WS_SUCCESS;
+  }
+  uint32_t good = 0;
+  while (good < n && s->ids[good] < s->num_values) ++good;
+  if (good == 0) {
+    *beyond = true;
+    return WS_EDATA;
+  }
+  if (good < n) s->held_rc = WS_EDATA;
+  const uint32_t* slice = s->slice;
+  for (uint32_t k = 0; k < good; ++k) s->ids[k] = slice[s->ids[k]];
+  s->cnt = good;
+  s->head = s->ids[0];
   return WS_SUCCESS;
+}
+
+// Moves head to the list's next posting (UINT_MAX at the end).
+inline int advance(posting_src* s) noexcept {
+  if (++s->pos < s->cnt) {
+    s->head = s->ids[s->pos];
+    return WS_SUCCESS;
+  }
+  if (s->held_rc != 0) {
+    int rc = s->held_rc;
+    s->held_rc = WS_SUCCESS;
+    return rc;
+  }
+  bool beyond;
+  return fill(s, &beyond);
 }
 
 }  // namespace
@@ -529,8 +577,9 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
     ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bm), "src_sz <= _bmap_size_bits( &bm )");
     uint32_t members[32];
     uint32_t n_members = 0;
-    for (uint32_t i = 0; i < src_count; ++i) {
-      if (!_bmap_is_set(&bm, i)) continue;
+    // Set bits in ascending order: the sources that hold the term.
+    for (bmap_t rest = src_count >= 32 ? bm : bm & ((bmap_t{1} << src_count) - 1); rest != 0; rest &= rest - 1) {
+      const uint32_t i = static_cast<uint32_t>(__builtin_ctz(rest));
       posting_src* s = &srcs[i];
       if ((rc = _seek_reader(&s->reader, s->term_cursor)) != 0) {
         _set_rc_verbose(w, rc, static_cast<int>(i), "_seek_reader in _merge_all_postings");
@@ -538,21 +587,18 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
         return rc;
       }
       s->term_cursor++;
-      uint32_t id;
-      if ((rc = _next(&s->reader, &id)) != 0) {
-        _set_rc_verbose(w, rc, static_cast<int>(i), "_next in _merge_all_postings");
+      bool beyond = false;
+      if ((rc = fill(s, &beyond)) != 0) {
+        _set_rc_verbose(w, rc, static_cast<int>(i),
+                        beyond ? "src_tsval_id beyond the values in _merge_all_postings"
+                               : "_next in _merge_all_postings");
         cleanup();
         return rc;
       }
-      if (id == UINT_MAX) {
+      if (s->head == UINT_MAX) {
         _set_rc_verbose(w, WS_ENOTAVAIL, static_cast<int>(i), "src_tsval_id is UINT_MAX in _merge_all_postings");
         cleanup();
         return WS_ENOTAVAIL;
-      }
-      if ((rc = translate(s, id)) != 0) {
-        _set_rc_verbose(w, rc, static_cast<int>(i), "src_tsval_id beyond the values in _merge_all_postings");
-        cleanup();
-        return rc;
       }
       members[n_members++] = i;
     }
@@ -578,27 +624,34 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
         }
       }
       if (best == nullptr) break;
-      while (second == nullptr || best->head <= second->head) {
-        if ((rc = _plist_writer_put(writer, best->head)) != 0) {
-          _set_rc(w, rc);
-          cleanup();
-          return rc;
+      const uint32_t bound = second == nullptr ? UINT_MAX : second->head;
+      for (;;) {
+        // The batch's ids up to the bound go out without looking back at
+        // the other sources (ids ascend, so the first one past it ends the
+        // drain). With a single source left the bound is UINT_MAX, which no
+        // id reaches.
+        uint32_t k = best->pos;
+        const uint32_t cnt = best->cnt;
+        while (k < cnt && best->ids[k] <= bound) {
+          if ((rc = _plist_writer_put(writer, best->ids[k])) != 0) {
+            _set_rc(w, rc);
+            cleanup();
+            return rc;
+          }
+          ++k;
         }
-        uint32_t id;
-        if ((rc = _next(&best->reader, &id)) != 0) {
-          _set_rc(w, rc);
-          cleanup();
-          return rc;
-        }
-        if (id == UINT_MAX) {
-          best->head = UINT_MAX;
+        if (k < cnt) {
+          best->pos = k;
+          best->head = best->ids[k];
           break;
         }
-        if ((rc = translate(best, id)) != 0) {
+        best->pos = cnt - 1;
+        if ((rc = advance(best)) != 0) {
           _set_rc(w, rc);
           cleanup();
           return rc;
         }
+        if (best->head == UINT_MAX || best->head > bound) break;
       }
     }
     _plist_writer_end_term(writer);

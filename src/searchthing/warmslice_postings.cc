@@ -266,6 +266,64 @@ int _next(plist_reader* r, uint32_t* value) noexcept {
   return WS_SUCCESS;
 }
 
+int _next_batch(plist_reader* r, uint32_t* values, uint32_t cap, uint32_t* n) noexcept {
+  *n = 0;
+  if (cap == 0) return WS_SUCCESS;
+  int rc = _next(r, &values[0]);
+  if (rc != 0) return rc;
+  *n = 1;
+  if (values[0] == END_OF_LIST) return WS_SUCCESS;
+  uint32_t k = 1;
+  uint32_t current = r->current;
+  uint32_t pending = r->pending;
+  // The rest of the list in this buffer: the bytes _next would decode
+  // without a read, while it would still find five bytes or the end of
+  // the postings in the buffer.
+  const uint8_t* p = r->buf + r->pos;
+  const uint64_t list_idx = std::min<uint64_t>(r->valid, r->pos + r->left);
+  const bool buffer_is_last = r->buf_start + r->valid >= r->postings_size;
+  const uint64_t safe_idx =
+      buffer_is_last ? list_idx : std::min<uint64_t>(list_idx, r->valid >= 4 ? r->valid - 4 : 0);
+  const uint8_t* const list_end = r->buf + list_idx;
+  const uint8_t* const safe_end = r->buf + safe_idx;
+  while (k < cap) {
+    if (pending > 0) {
+      const uint32_t take = std::min(pending, cap - k);
+      for (uint32_t i = 0; i < take; ++i) values[k + i] = current + 1 + i;
+      current += take;
+      pending -= take;
+      k += take;
+      continue;
+    }
+    if (p >= safe_end) break;
+    // Neither a fault nor the end of the list is taken here: _next meets
+    // them on the next call, exactly where it would have.
+    if (*p == 0) {
+      uint32_t run;
+      uint32_t used = vbe_get(p + 1, list_end, &run);
+      if (used == 0 || run == 0 || run > END_OF_LIST - 1 - current) break;
+      p += 1 + used;
+      values[k++] = ++current;
+      pending = run - 1;
+    } else {
+      uint32_t gap;
+      uint32_t used = vbe_get(p, list_end, &gap);
+      if (used == 0 || gap > END_OF_LIST - 1 - current) break;
+      p += used;
+      current += gap;
+      values[k++] = current;
+    }
+  }
+  const uint32_t consumed = static_cast<uint32_t>(p - (r->buf + r->pos));
+  r->pos += consumed;
+  r->left -= consumed;
+  r->returned += k - 1;
+  r->current = current;
+  r->pending = pending;
+  *n = k;
+  return WS_SUCCESS;
+}
+
 int _seek(plist_reader* r, uint32_t target, uint32_t* value) noexcept {
   uint32_t v;
   int rc = _next(r, &v);
