@@ -35,8 +35,9 @@ for corpus in "$@"; do
   [ -s "$events" ] || "$BUILD/tarnix-index" --generate "$n" --seed 1 --emit-events >"$events"
   dir=$WORK/bucket
   rm -rf "$dir" && mkdir -p "$dir"
-  args=(-d "$dir" -q --max-values "$maxv" --max-terms 100000000 --max-term-chars 1000000000
-        --max-postings 1000000000)
+  # An event has at most 17 terms: only the value limit ever fills a slice.
+  args=(-d "$dir" -q --max-values "$maxv" --max-terms $((maxv * 20)) --max-term-chars $((maxv * 20 * 64))
+        --max-postings $((maxv * 20)))
   "$BUILD/tarnix-index" "${args[@]}" "$events"
   [ "${dup:-}" = dup ] && "$BUILD/tarnix-index" "${args[@]}" "$events"
   files=$(ls "$dir"/*.tsidx | wc -l)

@@ -61,8 +61,9 @@ section_size() { "$DUMP" "$1" --header | awk -v f="$2" '$1 == f && NF == 3 { pri
 # prints the number of files.
 index_into() {
   rm -rf "$2" && mkdir -p "$2"
-  "$IDX" -d "$2" -q --max-values "$3" --max-terms 100000000 --max-term-chars 1000000000 \
-    --max-postings 1000000000 "$1"
+  # An event has at most 17 terms: only the value limit ever fills a slice.
+  "$IDX" -d "$2" -q --max-values "$3" --max-terms $(($3 * 20)) --max-term-chars $(($3 * 20 * 64)) \
+    --max-postings $(($3 * 20)) "$1"
   find "$2" -maxdepth 1 -name '*.tsidx' | wc -l
 }
 
