@@ -716,8 +716,9 @@ int _merge_metadata(const int* src_fds, const warm_header* src_hdrs, uint32_t sr
     int32_t latest = INT_MIN;
     uint32_t sum = 0;
     bool first = true;
-    for (uint32_t i = 0; i < src_count; ++i) {
-      if (!_bmap_is_set(&bm, i)) continue;
+    // Set bits in ascending order: the sources that hold the term.
+    for (bmap_t rest = src_count >= 32 ? bm : bm & ((bmap_t{1} << src_count) - 1); rest != 0; rest &= rest - 1) {
+      const uint32_t i = static_cast<uint32_t>(__builtin_ctz(rest));
       const uint8_t* rec = _ar_get(&readers[i], TERM_METADATA_SZ, w);
       if (rec == nullptr) {
         rc = _set_rc_verbose(w, w->warm_rc, static_cast<int>(i), "_ar_get for metadata");
