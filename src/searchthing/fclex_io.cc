@@ -580,6 +580,21 @@ constexpr uint64_t EMPTY_SECTION_SZ = FCLEX_HEADER_SZ;
 
 bool exhausted(const lex_merge_cxt& c) noexcept { return c._cursor >= c._reader._bor._nterms; }
 
+// The first 8 bytes of a term as a big-endian number, zero past its end:
+// numbers compare as strcmp compares those bytes, so most comparisons of
+// the merge settle on one integer comparison.
+inline uint64_t term_key(const char* term, uint32_t len) noexcept {
+  const uint64_t k = load_be64(reinterpret_cast<const uint8_t*>(term));  // the buffer holds 2048 bytes
+  return len >= 8 ? k : len == 0 ? 0 : k & ~(~uint64_t{0} >> (8 * len));
+}
+
+// strcmp's sign for two terms with their keys.
+inline int term_cmp(uint64_t ka, const char* a, uint64_t kb, const char* b) noexcept {
+  if (ka != kb) return ka < kb ? -1 : 1;
+  if ((ka & 0xFF) == 0) return 0;  // both end within the key's bytes
+  return strcmp(a + 8, b + 8);
+}
+
 // Order of the live cursors: by current term, ties to the lower index, as
 // _find_smallest_term picks them. A binary heap of cursor numbers in that
 // order gives the same smallest cursor and the same drain bound (the
@@ -587,14 +602,16 @@ bool exhausted(const lex_merge_cxt& c) noexcept { return c._cursor >= c._reader.
 // instead of a scan of every source.
 struct cursor_heap {
   lex_merge_cxt* cxts;
+  uint64_t keys[32];   // term_key of each cursor's current term
   uint32_t items[32];
   uint32_t n = 0;
 
   bool below(uint32_t a, uint32_t b) const noexcept {
-    int c = strcmp(cxts[a]._cur_term, cxts[b]._cur_term);
+    int c = term_cmp(keys[a], cxts[a]._cur_term, keys[b], cxts[b]._cur_term);
     return c < 0 || (c == 0 && a < b);
   }
   void push(uint32_t v) noexcept {
+    keys[v] = term_key(cxts[v]._cur_term, cxts[v]._cur_len);
     uint32_t i = n++;
     while (i > 0) {
       uint32_t parent = (i - 1) / 2;
@@ -623,7 +640,7 @@ struct cursor_heap {
 
 int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* which_srcs,
                wrc* w) noexcept {
-  cursor_heap heap{cxts, {}, 0};
+  cursor_heap heap{cxts, {}, {}, 0};
   for (uint32_t i = 0; i < n; ++i) {
     if (exhausted(cxts[i])) continue;
     ST_ASSERT_TEXT(cxts[i]._cur_term[0] != '\0', "cur_term[0] != '\\0'");
@@ -632,11 +649,14 @@ int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* whic
   while (heap.n > 0) {
     const uint32_t s = heap.pop();
     lex_merge_cxt* cxt = &cxts[s];
-    const char* bound = heap.n > 0 ? cxts[heap.items[0]]._cur_term : nullptr;
+    const uint32_t b = heap.n > 0 ? heap.items[0] : 0;
+    const char* bound = heap.n > 0 ? cxts[b]._cur_term : nullptr;
+    const uint64_t bound_key = heap.n > 0 ? heap.keys[b] : 0;
+    uint64_t key = heap.keys[s];
     // Drain the smallest source up to (and including) the second-smallest
     // term: equal terms are written once, and the repeat from the next
     // source lands its bit on the same merged term.
-    while (!exhausted(*cxt) && (bound == nullptr || strcmp(cxt->_cur_term, bound) <= 0)) {
+    while (!exhausted(*cxt) && (bound == nullptr || term_cmp(key, cxt->_cur_term, bound_key, bound) <= 0)) {
       ST_ASSERT_TEXT(cxt->_cursor < cxt->_reader._bor._nterms,
                      "cxt->_cursor < cxt->_reader._bor._nterms");
       int rc = _lex_writer_put(writer, cxt->_cur_term, cxt->_cur_len);
@@ -649,12 +669,15 @@ int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* whic
       if (r != 0 && r != 0xFFFFFFFFu)
         return _set_rc_verbose(w, static_cast<int>(r), static_cast<int>(s),
                                "_reload_term in st_fclex_merge_n");
+      if (exhausted(*cxt)) break;
       // Terms of a source must strictly ascend (the writer's previous term
       // is the one just consumed): a damaged source out of order would
       // give an unsorted merged lexicon and bitmaps that renumber postings
-      // onto the wrong terms.
-      if (!exhausted(*cxt) && strcmp(cxt->_cur_term, writer->prev_term) <= 0)
+      // onto the wrong terms. (key is still the key of that term.)
+      const uint64_t next_key = term_key(cxt->_cur_term, cxt->_cur_len);
+      if (term_cmp(next_key, cxt->_cur_term, key, writer->prev_term) <= 0)
         return _set_rc_verbose(w, WS_EDATA, static_cast<int>(s), "terms out of order in st_fclex_merge_n");
+      key = next_key;
     }
     if (!exhausted(*cxt)) {
       ST_ASSERT_TEXT(cxt->_cur_term[0] != '\0', "cur_term[0] != '\\0'");
