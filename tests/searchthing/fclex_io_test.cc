@@ -166,7 +166,7 @@ struct big_section {
   uint64_t end = 0;
   big_section() {
     for (int i = 0; i < 2000; ++i) {
-      char head[8];
+      char head[16];
       snprintf(head, sizeof head, "%05d", i);
       terms.push_back(head + std::string(1100, 'x'));
     }

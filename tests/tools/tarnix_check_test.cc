@@ -157,7 +157,7 @@ TEST(TarnixCheck, EachCorruptionIsNamedBySection) {
       {"posting id past values", [](auto& b, auto& f) { b[f.list_starts[5]] = 0x7F; }, "postings"},
       {"posting gap", [](auto& b, auto& f) { b[f.list_starts[2] + 1] = 0x80; }, "postings"},
       {"cut-off posting code", [](auto& b, auto&) { b[b.size() - 1] = 0x80; }, "postings"},
-      {"truncated postings", [](auto& b, auto&) { b.resize(b.size() - 3); }, "file"},
+      {"truncated postings", [](auto& b, auto&) { b.erase(b.end() - 3, b.end()); }, "file"},
       {"truncated fixed part", [](auto& b, auto& f) { b.resize(f.off.metadata); }, "file"},
       {"truncated header", [](auto& b, auto&) { b.resize(40); }, "header"},
       {"trailing bytes", [](auto& b, auto&) { b.push_back(0); }, "file"},
