@@ -118,24 +118,25 @@ timed() {
   case $what in
     optimize)
       t0=$(now_ns)
-      /usr/bin/time -f '%M' -o "$WORK/time.out" "$OPT" -m all -d "$copy"
+      /usr/bin/time -f '%M %U %S' -o "$WORK/time.out" "$OPT" -m all -d "$copy"
       t1=$(now_ns)
       [ "$(ls "$copy"/*.tsidx | wc -l)" -eq 1 ] || { echo "bench: optimize left more than one file" >&2; exit 1; }
       out=$(stat -c %s "$copy"/*.tsidx)
       ;;
     floor)
       t0=$(now_ns)
-      /usr/bin/time -f '%M' -o "$WORK/time.out" sh -c 'cat "$1"/*.tsidx > "$1"/all.cat' sh "$copy"
+      /usr/bin/time -f '%M %U %S' -o "$WORK/time.out" sh -c 'cat "$1"/*.tsidx > "$1"/all.cat' sh "$copy"
       t1=$(now_ns)
       out=$(stat -c %s "$copy"/all.cat)
       ;;
     peer)
       t0=$(now_ns)
-      /usr/bin/time -f '%M' -o "$WORK/time.out" xapian-compact -q "$copy"/db?? "$copy"/out >/dev/null
+      /usr/bin/time -f '%M %U %S' -o "$WORK/time.out" xapian-compact -q "$copy"/db?? "$copy"/out >/dev/null
       t1=$(now_ns)
       out=$(du -sb "$copy"/out | cut -f1)
       ;;
   esac
+  # wall ns, peak KiB, user s, system s, output bytes
   echo "$(( t1 - t0 )) $(tail -1 "$WORK/time.out") $out"
 }
 
@@ -202,29 +203,33 @@ import sys, statistics
 times, n, postings, merged_postings, terms, in_bytes, bound_kib, src_terms, lex = sys.argv[1:]
 rows = {}
 for line in open(times):
-    c, ns, kib, out = line.split()
-    rows.setdefault(c, []).append((int(ns) / 1e9, int(kib), int(out)))
-med = {c: statistics.median(s for s, _, _ in r) for c, r in rows.items()}
+    c, ns, kib, user, system, out = line.split()
+    rows.setdefault(c, []).append((int(ns) / 1e9, int(kib), int(out), float(user) + float(system)))
+med = {c: statistics.median(s for s, _, _, _ in r) for c, r in rows.items()}
+cpu = {c: statistics.median(u for _, _, _, u in r) for c, r in rows.items()}
 print("Corpus: %s events, %s postings in 32 files (%s after the merge), %s distinct terms (%s source terms), "
       "%s input bytes; merged lexicon %s bytes; memory bound %s KiB."
       % (n, postings, merged_postings, terms, src_terms, in_bytes, lex, bound_kib))
 print()
-print("| command | output bytes | median s | min s | max s | postings/s | peak RSS KiB | RSS within bound |")
-print("|---|---:|---:|---:|---:|---:|---:|---|")
+print("| command | output bytes | median s | min s | max s | median CPU s | postings/s | peak RSS KiB | RSS within bound |")
+print("|---|---:|---:|---:|---:|---:|---:|---:|---|")
 for c in ("optimize", "floor", "peer"):
     if c not in rows:
         continue
     r = rows[c]
-    secs = [s for s, _, _ in r]
-    rss = max(k for _, k, _ in r)
-    print("| %s | %d | %.3f | %.3f | %.3f | %.1f M | %d | %s |"
-          % (c, r[-1][2], med[c], min(secs), max(secs), int(postings) / med[c] / 1e6, rss,
+    secs = [s for s, _, _, _ in r]
+    rss = max(k for _, k, _, _ in r)
+    print("| %s | %d | %.3f | %.3f | %.3f | %.3f | %.1f M | %d | %s |"
+          % (c, r[-1][2], med[c], min(secs), max(secs), cpu[c], int(postings) / med[c] / 1e6, rss,
              "yes" if rss <= int(bound_kib) else "no"))
 print()
 line = "Ratios (medians): optimize/floor %.2f" % (med["optimize"] / med["floor"])
 if "peer" in med:
     line += "; peer/optimize %.2f (optimize merges %.1f× the peer's postings per second)" % (
         med["peer"] / med["optimize"], med["peer"] / med["optimize"])
+line += "; CPU (user + system) optimize/floor %.2f" % (cpu["optimize"] / max(cpu["floor"], 0.001))
+if "peer" in cpu:
+    line += ", peer/optimize %.2f" % (cpu["peer"] / cpu["optimize"])
 print(line + ".")
 print()
 EOF
