@@ -26,15 +26,15 @@ struct warm_ptr {
 // A file of n values (timestamp 1000 - i, address i, attributes from i) and
 // one term holding all of them.
 std::string write_values(const testutil::TempDir& dir, uint32_t n) {
-  testutil::index_spec spec;
+  testutil::index_recipe recipe;
   for (uint32_t i = 0; i < n; ++i) {
-    spec.values.push_back(tsval{static_cast<int32_t>(1000 - i), i, i % 5, i == 3 ? DELETED_SOURCE : i, 7, i * 3});
+    recipe.values.push_back(tsval{static_cast<int32_t>(1000 - i), i, i % 5, i == 3 ? DELETED_SOURCE : i, 7, i * 3});
   }
   testutil::built_term t{"all", {}};
   for (uint32_t i = 0; i < n; ++i) t.ids.push_back(i);
-  spec.terms.push_back(t);
+  recipe.terms.push_back(t);
   const std::string path = dir.file("values.tsidx");
-  testutil::write_file(path, testutil::build_index_file(spec));
+  testutil::write_file(path, testutil::build_index_file(recipe));
   return path;
 }
 

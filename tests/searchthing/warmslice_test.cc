@@ -102,7 +102,7 @@ contents read_all(warm* w) {
 }
 
 // What the file must hold, from the events alone.
-void expect_contents(const contents& got, const testutil::index_spec& want) {
+void expect_contents(const contents& got, const testutil::index_recipe& want) {
   ASSERT_EQ(got.values.size(), want.values.size());
   for (size_t i = 0; i < want.values.size(); ++i) {
     const tsval& a = got.values[i];
@@ -195,7 +195,7 @@ TEST(WarmSliceRoundTrip, HotSliceToFileAndBack) {
     for (uint32_t seed : {1u, 2u, 3u}) {
       SCOPED_TRACE(testing::Message() << "streaming " << streaming << " seed " << seed);
       const std::vector<event> events = make_events(streaming, seed, 50 * seed);
-      const testutil::index_spec want = testutil::spec_from_events(events);
+      const testutil::index_recipe want = testutil::recipe_from_events(events);
       hot_slice* h = fill(events, streaming);
       testutil::TempDir dir;
       warm_ptr mem;
@@ -215,7 +215,7 @@ TEST(WarmSliceRoundTrip, HotSliceToFileAndBack) {
       // Byte for byte what the layout rules give for these events (runs are
       // not written by this writer), except num_postings, which counts the
       // last term's duplicate postings.
-      testutil::index_spec plain = want;
+      testutil::index_recipe plain = want;
       plain.runs = false;
       std::vector<uint8_t> expected = testutil::build_index_file(plain);
       std::vector<uint8_t> bytes = testutil::read_file(path);
@@ -424,16 +424,16 @@ TEST(WarmSliceOpen, EveryTruncationFailsCleanly) {
 
 TEST(WarmSliceOpen, OlderVersionsReadAlike) {
   std::vector<event> events = make_events(false, 7, 60);
-  const testutil::index_spec base = testutil::spec_from_events(events);
+  const testutil::index_recipe base = testutil::recipe_from_events(events);
   for (const char* magic : {"Tarnix3", "Tarnix4", "Tarnix5", "Tarnix6"}) {
     for (uint32_t tperb : {1u, 3u, 64u}) {
       SCOPED_TRACE(testing::Message() << magic << " tperb " << tperb);
-      testutil::index_spec spec = base;
-      spec.magic = magic;
-      spec.tperb = tperb;
+      testutil::index_recipe recipe = base;
+      recipe.magic = magic;
+      recipe.tperb = tperb;
       testutil::TempDir dir;
       const std::string path = dir.file("old.tsidx");
-      const std::vector<uint8_t> bytes = testutil::build_index_file(spec);
+      const std::vector<uint8_t> bytes = testutil::build_index_file(recipe);
       testutil::write_file(path, bytes);
       for (mode m : ALL_MODES) {
         wrc rc{};
@@ -444,17 +444,17 @@ TEST(WarmSliceOpen, OlderVersionsReadAlike) {
         // The postings start after the reverse lexicon in versions 3 to 5.
         const uint64_t postings_sz = st_warm_slice_postings_size(w.get());
         EXPECT_EQ(static_cast<uint64_t>(w->postings - w->body) + postings_sz, bytes.size());
-        expect_contents(read_all(w.get()), spec);
+        expect_contents(read_all(w.get()), recipe);
       }
     }
   }
 }
 
 TEST(WarmSliceOpen, ReverseLexiconCountAsymmetry) {
-  testutil::index_spec spec = testutil::spec_from_events(make_events(false, 9, 20));
-  spec.magic = "Tarnix5";
-  spec.tperb = 64;  // one block: a different count keeps the block count
-  std::vector<uint8_t> b = testutil::build_index_file(spec);
+  testutil::index_recipe recipe = testutil::recipe_from_events(make_events(false, 9, 20));
+  recipe.magic = "Tarnix5";
+  recipe.tperb = 64;  // one block: a different count keeps the block count
+  std::vector<uint8_t> b = testutil::build_index_file(recipe);
   const uint64_t lex_off = size_without_vardata(reinterpret_cast<const warm_header*>(b.data()));
   const uint64_t rev_off = (lex_off + testutil::lexicon_size(b.data() + lex_off) + 3) & ~3ull;
   store_be32(b.data() + rev_off, load_be32(b.data() + rev_off) + 1);
@@ -472,14 +472,14 @@ TEST(WarmSliceOpen, ReverseLexiconCountAsymmetry) {
 
 TEST(WarmSliceUpdate, DeleteByTsvalIsFlushedAtClose) {
   testutil::TempDir dir;
-  testutil::index_spec spec = testutil::spec_from_events(make_events(false, 4, 30));
+  testutil::index_recipe recipe = testutil::recipe_from_events(make_events(false, 4, 30));
   const std::string path = dir.file("d.tsidx");
-  testutil::write_file(path, testutil::build_index_file(spec));
+  testutil::write_file(path, testutil::build_index_file(recipe));
   // Every third value, plus one that the file does not hold.
   std::vector<tsval> del;
-  for (size_t i = 0; i < spec.values.size(); i += 3) {
-    if (i == 6) del.push_back(tsval{spec.values[i].timestamp, spec.values[i].event_address + 1, 0, 0, 0, 0});
-    del.push_back(spec.values[i]);
+  for (size_t i = 0; i < recipe.values.size(); i += 3) {
+    if (i == 6) del.push_back(tsval{recipe.values[i].timestamp, recipe.values[i].event_address + 1, 0, 0, 0, 0});
+    del.push_back(recipe.values[i]);
   }
   std::sort(del.begin(), del.end(), [](const tsval& a, const tsval& b) { return st_tsval_compare(&a, &b) < 0; });
   {
@@ -487,13 +487,13 @@ TEST(WarmSliceUpdate, DeleteByTsvalIsFlushedAtClose) {
     warm_ptr w = open_as(path, mode::updating, &rc);
     ASSERT_NE(w, nullptr);
     EXPECT_EQ(st_warm_slice_delete_by_tsval(w.get(), del.data(), static_cast<uint32_t>(del.size())),
-              (spec.values.size() + 2) / 3);
+              (recipe.values.size() + 2) / 3);
   }
-  for (size_t i = 0; i < spec.values.size(); i += 3) spec.values[i].source = DELETED_SOURCE;
+  for (size_t i = 0; i < recipe.values.size(); i += 3) recipe.values[i].source = DELETED_SOURCE;
   wrc rc{};
   warm_ptr w = open_as(path, mode::by_fd, &rc);
   ASSERT_NE(w, nullptr);
-  expect_contents(read_all(w.get()), spec);
+  expect_contents(read_all(w.get()), recipe);
 }
 
 }  // namespace

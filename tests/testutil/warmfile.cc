@@ -46,17 +46,17 @@ std::vector<uint8_t> column(const std::vector<tarnix::tsval>& values, uint32_t t
 
 }  // namespace
 
-index_spec spec_from_events(const std::vector<std::pair<std::string, tarnix::tsval>>& events) {
+index_recipe recipe_from_events(const std::vector<std::pair<std::string, tarnix::tsval>>& events) {
   std::map<uint32_t, tarnix::tsval> by_addr;
   for (const auto& e : events) by_addr.emplace(e.second.event_address, e.second);
-  index_spec spec;
-  for (const auto& kv : by_addr) spec.values.push_back(kv.second);
-  std::sort(spec.values.begin(), spec.values.end(), [](const tarnix::tsval& a, const tarnix::tsval& b) {
+  index_recipe recipe;
+  for (const auto& kv : by_addr) recipe.values.push_back(kv.second);
+  std::sort(recipe.values.begin(), recipe.values.end(), [](const tarnix::tsval& a, const tarnix::tsval& b) {
     if (a.timestamp != b.timestamp) return a.timestamp > b.timestamp;
     return a.event_address > b.event_address;
   });
   std::map<uint32_t, uint32_t> id_of;
-  for (uint32_t i = 0; i < spec.values.size(); ++i) id_of[spec.values[i].event_address] = i;
+  for (uint32_t i = 0; i < recipe.values.size(); ++i) id_of[recipe.values[i].event_address] = i;
   std::map<std::string, std::vector<uint32_t>> lists;
   for (const auto& e : events) {
     std::string t = e.first.substr(0, 2047);
@@ -65,9 +65,9 @@ index_spec spec_from_events(const std::vector<std::pair<std::string, tarnix::tsv
   for (auto& kv : lists) {
     std::sort(kv.second.begin(), kv.second.end());
     kv.second.erase(std::unique(kv.second.begin(), kv.second.end()), kv.second.end());
-    spec.terms.push_back(built_term{kv.first, kv.second});
+    recipe.terms.push_back(built_term{kv.first, kv.second});
   }
-  return spec;
+  return recipe;
 }
 
 std::vector<uint8_t> build_lexicon(const std::vector<std::string>& terms, uint32_t tperb,
@@ -191,14 +191,14 @@ std::vector<uint32_t> decode_postings(const uint8_t* p, size_t n) {
   return out;
 }
 
-std::vector<uint8_t> build_index_file(const index_spec& spec) {
+std::vector<uint8_t> build_index_file(const index_recipe& recipe) {
   using tarnix::tsval;
-  const bool v3 = spec.magic == "Tarnix3";
-  const bool reverse = spec.magic != "Tarnix6" && spec.magic != "TarLex1";
-  const uint32_t nv = static_cast<uint32_t>(spec.values.size());
-  const uint32_t nt = static_cast<uint32_t>(spec.terms.size());
+  const bool v3 = recipe.magic == "Tarnix3";
+  const bool reverse = recipe.magic != "Tarnix6" && recipe.magic != "TarLex1";
+  const uint32_t nv = static_cast<uint32_t>(recipe.values.size());
+  const uint32_t nt = static_cast<uint32_t>(recipe.terms.size());
   uint32_t largest[4] = {0, 0, 0, 0};
-  for (const tsval& v : spec.values) {
+  for (const tsval& v : recipe.values) {
     largest[0] = std::max(largest[0], v.event_type);
     if (v.source != tarnix::DELETED_SOURCE) largest[1] = std::max(largest[1], v.source);
     largest[2] = std::max(largest[2], v.source_type);
@@ -207,21 +207,21 @@ std::vector<uint8_t> build_index_file(const index_spec& spec) {
   uint32_t nbits[4];
   for (int i = 0; i < 4; ++i) nbits[i] = tarnix::log2n(largest[i]);
   std::vector<uint8_t> cols[5] = {
-      column(spec.values, &tsval::event_type, nbits[0], false),
-      column(spec.values, &tsval::source, nbits[1], false),
-      column(spec.values, &tsval::source_type, nbits[2], false),
-      column(spec.values, &tsval::host, nbits[3], false),
-      column(spec.values, &tsval::source, 1, true),
+      column(recipe.values, &tsval::event_type, nbits[0], false),
+      column(recipe.values, &tsval::source, nbits[1], false),
+      column(recipe.values, &tsval::source_type, nbits[2], false),
+      column(recipe.values, &tsval::host, nbits[3], false),
+      column(recipe.values, &tsval::source, 1, true),
   };
   std::vector<std::vector<uint8_t>> lists;
   uint64_t num_postings = 0;
-  for (const built_term& t : spec.terms) {
-    lists.push_back(encode_postings(t.ids, spec.runs));
+  for (const built_term& t : recipe.terms) {
+    lists.push_back(encode_postings(t.ids, recipe.runs));
     num_postings += t.ids.size();
   }
 
   std::vector<uint8_t> f(8, 0);
-  memcpy(f.data(), spec.magic.data(), std::min<size_t>(spec.magic.size(), 7));
+  memcpy(f.data(), recipe.magic.data(), std::min<size_t>(recipe.magic.size(), 7));
   put32(f, nv);
   put32(f, static_cast<uint32_t>(num_postings));
   put32(f, nt);
@@ -229,7 +229,7 @@ std::vector<uint8_t> build_index_file(const index_spec& spec) {
   for (int i = 0; i < 4; ++i) put32(f, nbits[i]);
   put32(f, 1);
   f.resize(64, 0);
-  for (const tsval& v : spec.values) {
+  for (const tsval& v : recipe.values) {
     put32(f, static_cast<uint32_t>(v.timestamp));
     put32(f, v.event_address);
   }
@@ -248,10 +248,10 @@ std::vector<uint8_t> build_index_file(const index_spec& spec) {
     }
   }
   pad8(f);
-  for (const built_term& t : spec.terms) {
+  for (const built_term& t : recipe.terms) {
     int32_t earliest = 0, latest = 0;
     for (size_t k = 0; k < t.ids.size(); ++k) {
-      const int32_t ts = spec.values[t.ids[k]].timestamp;
+      const int32_t ts = recipe.values[t.ids[k]].timestamp;
       if (k == 0 || ts < earliest) earliest = ts;
       if (k == 0 || ts > latest) latest = ts;
     }
@@ -265,18 +265,18 @@ std::vector<uint8_t> build_index_file(const index_spec& spec) {
   if (reverse) f.resize(f.size() + 4ull * nt, 0xA5);
   std::vector<std::string> names;
   uint32_t term_bytes = 0;
-  for (const built_term& t : spec.terms) {
+  for (const built_term& t : recipe.terms) {
     names.push_back(t.term);
     term_bytes += static_cast<uint32_t>(t.term.size()) + 1;
   }
-  const std::vector<uint8_t> lex = build_lexicon(names, spec.tperb, term_bytes);
+  const std::vector<uint8_t> lex = build_lexicon(names, recipe.tperb, term_bytes);
   f.insert(f.end(), lex.begin(), lex.end());
   if (reverse) {
     std::vector<std::string> rev;
     for (const std::string& s : names) rev.emplace_back(s.rbegin(), s.rend());
     std::sort(rev.begin(), rev.end());
     f.resize((f.size() + 3) & ~static_cast<size_t>(3), 0);
-    const std::vector<uint8_t> rlex = build_lexicon(rev, spec.tperb, term_bytes);
+    const std::vector<uint8_t> rlex = build_lexicon(rev, recipe.tperb, term_bytes);
     f.insert(f.end(), rlex.begin(), rlex.end());
   }
   for (const auto& l : lists) f.insert(f.end(), l.begin(), l.end());

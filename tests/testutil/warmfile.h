@@ -19,7 +19,7 @@ struct built_term {
   std::vector<uint32_t> ids;  // ascending value ids
 };
 
-struct index_spec {
+struct index_recipe {
   std::string magic = "Tarnix6";
   std::vector<tarnix::tsval> values;  // in file order (latest first)
   std::vector<built_term> terms;      // ascending
@@ -29,10 +29,10 @@ struct index_spec {
 
 // Values sorted latest first (duplicates by event address dropped, the
 // first seen kept) and each term's ascending ids, from (term, value) events.
-index_spec spec_from_events(const std::vector<std::pair<std::string, tarnix::tsval>>& events);
+index_recipe recipe_from_events(const std::vector<std::pair<std::string, tarnix::tsval>>& events);
 
 // The whole file.
-std::vector<uint8_t> build_index_file(const index_spec& spec);
+std::vector<uint8_t> build_index_file(const index_recipe& recipe);
 
 // A lexicon section for the terms (ascending), as the layout fixes it.
 std::vector<uint8_t> build_lexicon(const std::vector<std::string>& terms, uint32_t tperb,
