@@ -6,6 +6,7 @@
 #
 #   fuzz/run.sh [SECONDS] [TARGET...]     default 60 seconds, all targets
 #   fuzz/run.sh --build-only
+#   fuzz/run.sh --available               exit 0 when clang can build libFuzzer programs
 #
 # Targets: index_file lexicon merge params cmdline.
 # Environment: FUZZ_OUT (build and corpus directory, default build-fuzz-clang),
@@ -21,19 +22,25 @@ jobs=${FUZZ_JOBS:-2}
 all_targets="index_file lexicon merge params cmdline"
 
 build_only=0
+check_only=0
 seconds=60
 if [[ "${1:-}" == "--build-only" ]]; then build_only=1; shift; fi
+if [[ "${1:-}" == "--available" ]]; then check_only=1; shift; fi
 if [[ "${1:-}" =~ ^[0-9]+$ ]]; then seconds=$1; shift; fi
 targets=${*:-$all_targets}
 
-if ! command -v "$cxx" >/dev/null; then echo "fuzz: $cxx not found" >&2; exit 2; fi
+if ! command -v "$cxx" >/dev/null 2>&1; then
+  ((check_only)) || echo "fuzz: $cxx not found" >&2
+  exit 2
+fi
 probe=$(mktemp -d)
 trap 'rm -rf "$probe"' EXIT
 echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' >"$probe/p.cc"
 if ! "$cxx" -fsanitize=fuzzer "$probe/p.cc" -o "$probe/p" 2>/dev/null; then
-  echo "fuzz: $cxx cannot build libFuzzer programs" >&2
+  ((check_only)) || echo "fuzz: $cxx cannot build libFuzzer programs" >&2
   exit 2
 fi
+((check_only)) && exit 0
 
 flags=(-std=c++20 -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
        -fno-sanitize-recover=all -Isrc -Itests -Wall -Wextra)
