@@ -17,4 +17,10 @@ for type in RelWithDebInfo Sanitize; do
   UBSAN_OPTIONS=print_stacktrace=1 \
     ctest --test-dir "$dir" -j "$jobs" --output-on-failure || status=1
 done
+# Fuzz smoke run: a few seconds per target (FUZZ_SMOKE_SECONDS, 0 skips it),
+# only where clang can build libFuzzer programs.
+if [ "${FUZZ_SMOKE_SECONDS:-5}" != 0 ] && fuzz/run.sh --available; then
+  echo "== fuzz smoke run"
+  FUZZ_OUT=build/fuzz fuzz/run.sh "${FUZZ_SMOKE_SECONDS:-5}" || status=1
+fi
 exit $status
