@@ -54,20 +54,33 @@ ssize_t pread_eintr(int fd, void* buf, size_t n, uint64_t offset) noexcept {
   }
 }
 
-// Writes all n bytes at offset; false on a failure or a write of nothing.
-bool pwrite_full(int fd, const uint8_t* p, size_t n, uint64_t offset) noexcept {
+}  // namespace
+
+bool st_pread_full(int fd, void* buf, uint64_t n, uint64_t offset) noexcept {
+  auto* p = static_cast<uint8_t*>(buf);
+  while (n > 0) {
+    ssize_t r = pread(fd, p, n, static_cast<off_t>(offset));
+    if (r < 0 && errno == EINTR) continue;
+    if (r < 1) return false;
+    p += r;
+    n -= static_cast<uint64_t>(r);
+    offset += static_cast<uint64_t>(r);
+  }
+  return true;
+}
+
+bool st_pwrite_full(int fd, const void* buf, uint64_t n, uint64_t offset) noexcept {
+  auto* p = static_cast<const uint8_t*>(buf);
   while (n > 0) {
     ssize_t w = pwrite(fd, p, n, static_cast<off_t>(offset));
     if (w < 0 && errno == EINTR) continue;
     if (w < 1) return false;
     p += w;
-    n -= static_cast<size_t>(w);
+    n -= static_cast<uint64_t>(w);
     offset += static_cast<uint64_t>(w);
   }
   return true;
 }
-
-}  // namespace
 
 ssize_t st_timed_pread_msg(int fd, void* buf, size_t n, uint64_t offset, uint32_t* histogram,
                            int complain) noexcept {
@@ -274,7 +287,7 @@ int _lex_writer_close(int verbose, lex_writer* w, int fd, uint64_t offset,
   const uint32_t header[3] = {w->_cursor, w->tperb, w->uncompressed_size};
   for (int i = 0; i < 3; ++i) {
     store_be32(word, header[i]);
-    if (!pwrite_full(fd, word, 4, offset + 4ull * i)) return WS_EWRITE;
+    if (!st_pwrite_full(fd, word, 4, offset + 4ull * i)) return WS_EWRITE;
   }
   // The block end offsets, big-endian, in chunks of one stack buffer.
   uint8_t chunk[4096];
@@ -284,7 +297,7 @@ int _lex_writer_close(int verbose, lex_writer* w, int fd, uint64_t offset,
     for (; n < sizeof chunk / 4 && i < w->_bo_idx; ++n, ++i) {
       store_be32(chunk + 4 * n, w->_block_end_offsets[i]);
     }
-    if (!pwrite_full(fd, chunk, 4ull * n, at)) return WS_EWRITE;
+    if (!st_pwrite_full(fd, chunk, 4ull * n, at)) return WS_EWRITE;
     at += 4ull * n;
   }
   if (w->_bo_idx > 0) {
@@ -297,7 +310,7 @@ int _lex_writer_close(int verbose, lex_writer* w, int fd, uint64_t offset,
   }
   for (const auto& page : w->pages->list) {
     uint64_t used = w->_page_sz - PAGE_HDR_SZ - page_free(page.get());
-    if (!pwrite_full(fd, page.get() + PAGE_HDR_SZ, used, at)) {
+    if (!st_pwrite_full(fd, page.get() + PAGE_HDR_SZ, used, at)) {
       *end_offset = end;
       return WS_EWRITE;
     }

@@ -24,6 +24,10 @@ inline constexpr int READ_HISTOGRAM_SZ = 7;
 // "read failed fd=%u buf=%p sz=%lu off=%lu nr=%ld, errno=%i\n" to stderr.
 ssize_t st_timed_pread_msg(int fd, void* buf, size_t n, uint64_t offset, uint32_t* histogram,
                            int complain) noexcept;
+// All n bytes at offset, continuing over EINTR and partial transfers. False
+// after an error, a transfer of nothing, or (reading) the end of the file.
+bool st_pread_full(int fd, void* buf, uint64_t n, uint64_t offset) noexcept;
+bool st_pwrite_full(int fd, const void* buf, uint64_t n, uint64_t offset) noexcept;
 // 1 when pread returned exactly n bytes; else prints
 // "read failed[%s] fd=%u buf=%p sz=%lu off=%lu nr=%lu\n" with label, returns 0.
 int _pread_verify(int fd, void* buf, size_t n, uint64_t offset, const char* label) noexcept;

@@ -28,26 +28,12 @@ namespace {
 
 constexpr uint64_t round4(uint64_t x) noexcept { return (x + 3) & ~static_cast<uint64_t>(3); }
 
-// Reads n bytes at off, over EINTR and partial reads. True when all arrived.
-bool pread_all(int fd, void* buf, size_t n, uint64_t off) noexcept {
-  auto* p = static_cast<uint8_t*>(buf);
-  while (n > 0) {
-    const ssize_t r = pread(fd, p, n, static_cast<off_t>(off));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return false;
-    p += r;
-    n -= static_cast<size_t>(r);
-    off += static_cast<uint64_t>(r);
-  }
-  return true;
-}
-
 // Size of the lexicon section at off of fd, 0 when it cannot be sized. The
 // term count and block size are looked at first: a zero in either has no
 // block structure to size.
 uint64_t lex_extent(int fd, uint64_t off) noexcept {
   uint8_t head[8];
-  if (!pread_all(fd, head, sizeof(head), off)) return 0;
+  if (!st_pread_full(fd, head, sizeof(head), off)) return 0;
   if (load_be32(head) == 0 || load_be32(head + 4) == 0) return 0;
   return st_fclex_size_fd(fd, off);
 }
@@ -101,7 +87,7 @@ int read_header(int fd, warm_header* h, uint64_t* file_size, wrc* wrc_o) noexcep
   struct stat st;
   if (fstat(fd, &st) != 0) return _set_rc_verbose(wrc_o, WS_ESTAT, -1, "fstat warm slice");
   *file_size = static_cast<uint64_t>(st.st_size);
-  if (!pread_all(fd, h->b, WARM_HEADER_SZ, 0)) return _set_rc_verbose(wrc_o, WS_EREAD, -1, "pread warm header failure");
+  if (!st_pread_full(fd, h->b, WARM_HEADER_SZ, 0)) return _set_rc_verbose(wrc_o, WS_EREAD, -1, "pread warm header failure");
   if (!verify_magic(h)) return _set_rc(wrc_o, WS_EMAGIC);
   return WS_SUCCESS;
 }

@@ -15,23 +15,6 @@
 
 namespace tarnix {
 
-namespace {
-
-// Writes all n bytes at off, continuing over EINTR and partial writes.
-bool pwrite_all(int fd, const uint8_t* p, uint64_t n, uint64_t off) noexcept {
-  while (n > 0) {
-    ssize_t k = pwrite(fd, p, n, static_cast<off_t>(off));
-    if (k < 0 && errno == EINTR) continue;
-    if (k <= 0) return false;
-    p += k;
-    n -= static_cast<uint64_t>(k);
-    off += static_cast<uint64_t>(k);
-  }
-  return true;
-}
-
-}  // namespace
-
 int _aw_open(aw* w, int fd, uint64_t offset, uint64_t obj_sz, uint32_t capacity) noexcept {
   ST_ASSERT(obj_sz > 0 && capacity > 0);
   w->fd = fd;
@@ -53,7 +36,7 @@ int _aw_write(aw* w, const void* obj, uint64_t osz) noexcept {
   // always has something to write unless nothing was ever written.
   if (w->count == w->capacity) {
     const uint64_t n = w->_obj_sz * w->capacity;
-    if (!pwrite_all(w->fd, w->buf, n, w->offset)) return WS_EWRITE;  // records stay buffered
+    if (!st_pwrite_full(w->fd, w->buf, n, w->offset)) return WS_EWRITE;  // records stay buffered
     w->offset += n;
     w->count = 0;
   }
@@ -64,7 +47,7 @@ int _aw_write(aw* w, const void* obj, uint64_t osz) noexcept {
 
 int _aw_close(aw* w) noexcept {
   int rc = WS_SUCCESS;
-  if (w->count > 0 && w->buf != nullptr && !pwrite_all(w->fd, w->buf, w->_obj_sz * w->count, w->offset)) {
+  if (w->count > 0 && w->buf != nullptr && !st_pwrite_full(w->fd, w->buf, w->_obj_sz * w->count, w->offset)) {
     rc = WS_EWRITE;
   }
   free(w->buf);

@@ -39,32 +39,6 @@ c_ptr<T> c_alloc(uint64_t n, bool zero) noexcept {
   return c_ptr<T>(static_cast<T*>(zero ? calloc(1, bytes) : malloc(bytes)));
 }
 
-bool pread_all(int fd, void* buf, uint64_t n, uint64_t off) noexcept {
-  auto* p = static_cast<uint8_t*>(buf);
-  while (n > 0) {
-    ssize_t k = pread(fd, p, n, static_cast<off_t>(off));
-    if (k < 0 && errno == EINTR) continue;
-    if (k <= 0) return false;
-    p += k;
-    n -= static_cast<uint64_t>(k);
-    off += static_cast<uint64_t>(k);
-  }
-  return true;
-}
-
-bool pwrite_all(int fd, const void* buf, uint64_t n, uint64_t off) noexcept {
-  auto* p = static_cast<const uint8_t*>(buf);
-  while (n > 0) {
-    ssize_t k = pwrite(fd, p, n, static_cast<off_t>(off));
-    if (k < 0 && errno == EINTR) continue;
-    if (k <= 0) return false;
-    p += k;
-    n -= static_cast<uint64_t>(k);
-    off += static_cast<uint64_t>(k);
-  }
-  return true;
-}
-
 // Length of an open file, or UINT64_MAX when it cannot be had (no check).
 uint64_t file_length(int fd) noexcept {
   struct stat st;
@@ -131,7 +105,7 @@ struct value_writer {
 int value_writer_put(value_writer* writer, const uint8_t rec[TSVAL_RECORD_SZ]) noexcept {
   if (writer->bidx == 4096) {
     const uint64_t off = WARM_HEADER_REGION_SZ + TSVAL_RECORD_SZ * (uint64_t{writer->cursor} - writer->bidx);
-    if (!pwrite_all(writer->fd, writer->buf, sizeof(writer->buf), off)) return WS_EWRITE;
+    if (!st_pwrite_full(writer->fd, writer->buf, sizeof(writer->buf), off)) return WS_EWRITE;
     writer->bidx = 0;
   }
   ST_ASSERT_TEXT(writer->bidx < (sizeof(writer->buf) / TSVAL_RECORD_SZ),
@@ -257,7 +231,7 @@ warm_header* _read_src_headers(const int* src_fds, uint32_t src_count, wrc* w) n
   }
   for (uint32_t i = 0; i < src_count; ++i) {
     warm_header* h = hdrs.get() + i;
-    if (!pread_all(src_fds[i], h->b, WARM_HEADER_SZ, 0)) {
+    if (!st_pread_full(src_fds[i], h->b, WARM_HEADER_SZ, 0)) {
       _set_rc_verbose(w, WS_EREAD, static_cast<int>(i), "pread warm header failure");
       return nullptr;
     }
@@ -393,7 +367,7 @@ uint32_t* _merge_values(const int* src_fds, const warm_header* src_hdrs, uint32_
   hdr_set(tgt_hdr, HDR_NUM_VALUES, writer.cursor);
   if (writer.bidx > 0) {
     const uint64_t off = _offset_values(tgt_hdr) + TSVAL_RECORD_SZ * (uint64_t{writer.cursor} - writer.bidx);
-    if (!pwrite_all(tgt_fd, writer.buf, TSVAL_RECORD_SZ * uint64_t{writer.bidx}, off)) _set_rc(w, WS_EWRITE);
+    if (!st_pwrite_full(tgt_fd, writer.buf, TSVAL_RECORD_SZ * uint64_t{writer.bidx}, off)) _set_rc(w, WS_EWRITE);
   }
 done:
   writer.fd = -1;
@@ -454,7 +428,7 @@ int _merge_array(const int* src_fds, const warm_header* src_hdrs, uint32_t src_c
       const uint64_t off = c.get_offset(sh);
       ST_ASSERT_TEXT(off % 8 == 0, "get_offset(&src_hdrs[i]) % 8 == 0");
       ST_ASSERT(size <= src_ar_cap);
-      if (!pread_all(src_fds[i], src_buf.get(), size, off)) {
+      if (!st_pread_full(src_fds[i], src_buf.get(), size, off)) {
         return _set_rc_verbose(w, WS_EREAD, static_cast<int>(i), "pread for _merge_arrays");
       }
       // Elements are re-placed, never translated; a later source's element
@@ -469,7 +443,7 @@ int _merge_array(const int* src_fds, const warm_header* src_hdrs, uint32_t src_c
     }
     const uint64_t tgt_off = c.get_offset(tgt_hdr);
     ST_ASSERT_TEXT(tgt_off % 8 == 0, "get_offset( tgt_hdr ) % 8 == 0");
-    if (!pwrite_all(tgt_fd, tgt_buf.get(), tgt_array_size, tgt_off)) return _set_rc(w, WS_EWRITE);
+    if (!st_pwrite_full(tgt_fd, tgt_buf.get(), tgt_array_size, tgt_off)) return _set_rc(w, WS_EWRITE);
   }
   return WS_SUCCESS;
 }
@@ -834,7 +808,7 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
   which_srcs.reset();
 
   // Last, so that a target whose merge failed never carries a valid header.
-  if (!pwrite_all(tgt_fd, tgt_hdr.b, WARM_HEADER_SZ, 0)) return _set_rc(w, WS_EWRITE);
+  if (!st_pwrite_full(tgt_fd, tgt_hdr.b, WARM_HEADER_SZ, 0)) return _set_rc(w, WS_EWRITE);
   return w->warm_rc;
 }
 

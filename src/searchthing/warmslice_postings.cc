@@ -20,18 +20,6 @@ namespace tarnix {
 
 namespace {
 
-bool pwrite_all(int fd, const uint8_t* p, uint64_t n, uint64_t off) noexcept {
-  while (n > 0) {
-    ssize_t k = pwrite(fd, p, n, static_cast<off_t>(off));
-    if (k < 0 && errno == EINTR) continue;
-    if (k <= 0) return false;
-    p += k;
-    n -= static_cast<uint64_t>(k);
-    off += static_cast<uint64_t>(k);
-  }
-  return true;
-}
-
 // A put emits at most 6 bytes for a pending run and 5 for a gap; flushing
 // once more than 8180 bytes are held keeps the next put or end of term in
 // the buffer.
@@ -87,7 +75,7 @@ int _plist_writer_put(plw* w, uint32_t value) noexcept {
   w->last_value = cur_value;
   w->count_forterm++;
   if (w->bytes + PLW_MARGIN >= PLW_BUF_SZ + 1) {
-    if (!pwrite_all(w->fd, w->buf, w->bytes, w->offset)) return WS_EWRITE;  // buffer kept
+    if (!st_pwrite_full(w->fd, w->buf, w->bytes, w->offset)) return WS_EWRITE;  // buffer kept
     w->offset += w->bytes;
     w->bytes = 0;
   }
@@ -103,7 +91,7 @@ int _plist_writer_end_term(plw* w) noexcept {
 int _plist_writer_close(plw* w) noexcept {
   int rc = WS_SUCCESS;
   if (w->bytes > 0) {
-    if (pwrite_all(w->fd, w->buf, w->bytes, w->offset)) {
+    if (st_pwrite_full(w->fd, w->buf, w->bytes, w->offset)) {
       w->offset += w->bytes;
       w->bytes = 0;
     } else {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "searchthing/check.h"
+#include "searchthing/fclex_io.h"
 
 namespace tarnix {
 
@@ -69,7 +70,7 @@ file_offset_t size_without_vardata(const warm_header* h) noexcept { return offse
 
 int st_warm_slice_offsets(int fd, warm_offsets* out, warm_header* hdr_out) noexcept {
   warm_header h;
-  if (pread(fd, h.b, WARM_HEADER_SZ, 0) != static_cast<ssize_t>(WARM_HEADER_SZ)) return WS_EREAD;
+  if (!st_pread_full(fd, h.b, WARM_HEADER_SZ, 0)) return WS_EREAD;
   _get_warm_slice_offsets(&h, out);
   if (hdr_out != nullptr) *hdr_out = h;
   return WS_SUCCESS;
