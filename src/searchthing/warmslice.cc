@@ -144,21 +144,28 @@ int finish_mapped(warm* w, wrc* wrc_o) noexcept {
   return WS_SUCCESS;
 }
 
+// Allocates a zeroed handle into g and opens filename into its descriptor;
+// false with -2 or -4 recorded.
+bool new_handle_open(open_guard* g, const char* filename, int flags, const char* what, wrc* wrc_o) noexcept {
+  g->w = static_cast<warm*>(calloc(1, sizeof(warm)));
+  if (g->w == nullptr) {
+    _set_rc(wrc_o, WS_ENOMEM);
+    return false;
+  }
+  g->w->fd = -1;
+  ST_ASSERT(*filename != '\0');
+  g->w->fd = open(filename, flags | O_CLOEXEC);
+  if (g->w->fd < 0) {
+    _set_rc_verbose(wrc_o, WS_EOPEN, -1, what);
+    return false;
+  }
+  return true;
+}
+
 warm* _map_for_reading(const char* filename, wrc* wrc_o) noexcept {
   open_guard g;
-  g.w = static_cast<warm*>(calloc(1, sizeof(warm)));
-  if (g.w == nullptr) {
-    _set_rc(wrc_o, WS_ENOMEM);
-    return nullptr;
-  }
+  if (!new_handle_open(&g, filename, O_RDONLY, "open warm slice for reading", wrc_o)) return nullptr;
   warm* w = g.w;
-  w->fd = -1;
-  ST_ASSERT(*filename != '\0');
-  w->fd = open(filename, O_RDONLY | O_CLOEXEC);
-  if (w->fd < 0) {
-    _set_rc_verbose(wrc_o, WS_EOPEN, -1, "open warm slice for reading");
-    return nullptr;
-  }
   warm_header h;
   uint64_t file_size = 0;
   uint64_t len = 0;
@@ -177,19 +184,8 @@ warm* _map_for_reading(const char* filename, wrc* wrc_o) noexcept {
 
 warm* _map_for_updating(const char* filename, wrc* wrc_o) noexcept {
   open_guard g;
-  g.w = static_cast<warm*>(calloc(1, sizeof(warm)));
-  if (g.w == nullptr) {
-    _set_rc(wrc_o, WS_ENOMEM);
-    return nullptr;
-  }
+  if (!new_handle_open(&g, filename, O_RDWR, "open warm slice for updating", wrc_o)) return nullptr;
   warm* w = g.w;
-  w->fd = -1;
-  ST_ASSERT(*filename != '\0');
-  w->fd = open(filename, O_RDWR | O_CLOEXEC);
-  if (w->fd < 0) {
-    _set_rc_verbose(wrc_o, WS_EOPEN, -1, "open warm slice for updating");
-    return nullptr;
-  }
   struct stat st;
   if (fstat(w->fd, &st) != 0) {
     _set_rc(wrc_o, WS_ESTAT);
