@@ -20,8 +20,8 @@
 #include "searchthing/hotslice.h"
 #include "searchthing/warmslice.h"
 #include "searchthing/warmslice_merge.h"
-#include "testutil/oldformat_merge.h"
 #include "testutil/testutil.h"
+#include "testutil/warmfile.h"
 
 namespace tarnix {
 namespace {

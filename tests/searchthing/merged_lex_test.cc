@@ -455,7 +455,7 @@ std::vector<uint8_t> small_index(const std::vector<std::string>& terms) {
   std::vector<std::pair<std::string, tsval>> events;
   uint32_t addr = 1;
   for (const std::string& t : terms) events.push_back({t, tsval{100, addr++, 0, 0, 0, 0}});
-  return testutil::build_index_file(testutil::recipe_from_events(events));
+  return testutil::build_index_file(testutil::model_from_events(events));
 }
 
 TEST(MergedLexFiles, MergeFailuresRecordCodeAndLeaveNoHeader) {

@@ -26,13 +26,14 @@ struct warm_ptr {
 // A file of n values (timestamp 1000 - i, address i, attributes from i) and
 // one term holding all of them.
 std::string write_values(const testutil::TempDir& dir, uint32_t n) {
-  testutil::index_recipe recipe;
+  testutil::ModelFile recipe;
+  recipe.terms.push_back({"all", {}});
   for (uint32_t i = 0; i < n; ++i) {
-    recipe.values.push_back(tsval{static_cast<int32_t>(1000 - i), i, i % 5, i == 3 ? DELETED_SOURCE : i, 7, i * 3});
+    recipe.values.push_back(
+        testutil::model_value({static_cast<int32_t>(1000 - i), i, i % 5, i == 3 ? DELETED_SOURCE : i, 7, i * 3}));
+    recipe.terms[0].ids.push_back(i);
   }
-  testutil::built_term t{"all", {}};
-  for (uint32_t i = 0; i < n; ++i) t.ids.push_back(i);
-  recipe.terms.push_back(t);
+  testutil::fill_metadata(recipe);
   const std::string path = dir.file("values.tsidx");
   testutil::write_file(path, testutil::build_index_file(recipe));
   return path;

@@ -102,11 +102,11 @@ contents read_all(warm* w) {
 }
 
 // What the file must hold, from the events alone.
-void expect_contents(const contents& got, const testutil::index_recipe& want) {
+void expect_contents(const contents& got, const testutil::ModelFile& want) {
   ASSERT_EQ(got.values.size(), want.values.size());
   for (size_t i = 0; i < want.values.size(); ++i) {
     const tsval& a = got.values[i];
-    const tsval& b = want.values[i];
+    const tsval b = testutil::to_tsval(want.values[i]);
     EXPECT_EQ(a.timestamp, b.timestamp) << i;
     EXPECT_EQ(a.event_address, b.event_address) << i;
     EXPECT_EQ(a.event_type, b.event_type) << i;
@@ -119,13 +119,8 @@ void expect_contents(const contents& got, const testutil::index_recipe& want) {
     EXPECT_EQ(got.terms[t], want.terms[t].term);
     EXPECT_EQ(got.lists[t], want.terms[t].ids) << want.terms[t].term;
     EXPECT_EQ(got.meta[t].count, want.terms[t].ids.size());
-    int32_t lo = INT32_MAX, hi = INT32_MIN;
-    for (uint32_t id : want.terms[t].ids) {
-      lo = std::min(lo, want.values[id].timestamp);
-      hi = std::max(hi, want.values[id].timestamp);
-    }
-    EXPECT_EQ(got.meta[t].earliest, lo);
-    EXPECT_EQ(got.meta[t].latest, hi);
+    EXPECT_EQ(got.meta[t].earliest, want.terms[t].earliest);
+    EXPECT_EQ(got.meta[t].latest, want.terms[t].latest);
   }
 }
 
@@ -195,7 +190,7 @@ TEST(WarmSliceRoundTrip, HotSliceToFileAndBack) {
     for (uint32_t seed : {1u, 2u, 3u}) {
       SCOPED_TRACE(testing::Message() << "streaming " << streaming << " seed " << seed);
       const std::vector<event> events = make_events(streaming, seed, 50 * seed);
-      const testutil::index_recipe want = testutil::recipe_from_events(events);
+      const testutil::ModelFile want = testutil::model_from_events(events);
       hot_slice* h = fill(events, streaming);
       testutil::TempDir dir;
       warm_ptr mem;
@@ -204,8 +199,8 @@ TEST(WarmSliceRoundTrip, HotSliceToFileAndBack) {
       ASSERT_NE(mem, nullptr);
 
       // The name: "<dir>/<latest>-<earliest>-<unique>.tsidx".
-      const std::string prefix = dir.path() + "/" + std::to_string(want.values.front().timestamp) + "-" +
-                                 std::to_string(want.values.back().timestamp) + "-";
+      const std::string prefix = dir.path() + "/" + std::to_string(want.values.front().ts) + "-" +
+                                 std::to_string(want.values.back().ts) + "-";
       EXPECT_EQ(path.compare(0, prefix.size(), prefix), 0) << path;
       EXPECT_EQ(path.substr(path.size() - 6), ".tsidx");
       struct stat st;
@@ -215,7 +210,7 @@ TEST(WarmSliceRoundTrip, HotSliceToFileAndBack) {
       // Byte for byte what the layout rules give for these events (runs are
       // not written by this writer), except num_postings, which counts the
       // last term's duplicate postings.
-      testutil::index_recipe plain = want;
+      testutil::ModelFile plain = want;
       plain.runs = false;
       std::vector<uint8_t> expected = testutil::build_index_file(plain);
       std::vector<uint8_t> bytes = testutil::read_file(path);
@@ -228,8 +223,8 @@ TEST(WarmSliceRoundTrip, HotSliceToFileAndBack) {
       EXPECT_EQ(st_warm_slice_size(mem.get()), bytes.size());
       EXPECT_EQ(st_warm_slice_values(mem.get()), want.values.size());
       EXPECT_EQ(st_warm_slice_terms(mem.get()), want.terms.size());
-      EXPECT_EQ(st_warm_slice_latest(mem.get()), want.values.front().timestamp);
-      EXPECT_EQ(st_warm_slice_earliest(mem.get()), want.values.back().timestamp);
+      EXPECT_EQ(st_warm_slice_latest(mem.get()), want.values.front().ts);
+      EXPECT_EQ(st_warm_slice_earliest(mem.get()), want.values.back().ts);
       EXPECT_EQ(st_warm_slice_blocksize(mem.get()), 8u);
 
       for (mode m : ALL_MODES) {
@@ -240,8 +235,8 @@ TEST(WarmSliceRoundTrip, HotSliceToFileAndBack) {
         const uint64_t lex_off = size_without_vardata(w.get());
         EXPECT_EQ(bytes.size(), lex_off + testutil::lexicon_size(bytes.data() + lex_off) +
                                     st_warm_slice_postings_size(w.get()));
-        EXPECT_EQ(st_warm_slice_latest(w.get()), want.values.front().timestamp);
-        EXPECT_EQ(st_warm_slice_earliest(w.get()), want.values.back().timestamp);
+        EXPECT_EQ(st_warm_slice_latest(w.get()), want.values.front().ts);
+        EXPECT_EQ(st_warm_slice_earliest(w.get()), want.values.back().ts);
         EXPECT_EQ(w->metadata == nullptr, m == mode::by_fd);
         expect_contents(read_all(w.get()), want);
       }
@@ -424,11 +419,11 @@ TEST(WarmSliceOpen, EveryTruncationFailsCleanly) {
 
 TEST(WarmSliceOpen, OlderVersionsReadAlike) {
   std::vector<event> events = make_events(false, 7, 60);
-  const testutil::index_recipe base = testutil::recipe_from_events(events);
+  const testutil::ModelFile base = testutil::model_from_events(events);
   for (const char* magic : {"Tarnix3", "Tarnix4", "Tarnix5", "Tarnix6"}) {
     for (uint32_t tperb : {1u, 3u, 64u}) {
       SCOPED_TRACE(testing::Message() << magic << " tperb " << tperb);
-      testutil::index_recipe recipe = base;
+      testutil::ModelFile recipe = base;
       recipe.magic = magic;
       recipe.tperb = tperb;
       testutil::TempDir dir;
@@ -451,7 +446,7 @@ TEST(WarmSliceOpen, OlderVersionsReadAlike) {
 }
 
 TEST(WarmSliceOpen, ReverseLexiconCountAsymmetry) {
-  testutil::index_recipe recipe = testutil::recipe_from_events(make_events(false, 9, 20));
+  testutil::ModelFile recipe = testutil::model_from_events(make_events(false, 9, 20));
   recipe.magic = "Tarnix5";
   recipe.tperb = 64;  // one block: a different count keeps the block count
   std::vector<uint8_t> b = testutil::build_index_file(recipe);
@@ -472,14 +467,14 @@ TEST(WarmSliceOpen, ReverseLexiconCountAsymmetry) {
 
 TEST(WarmSliceUpdate, DeleteByTsvalIsFlushedAtClose) {
   testutil::TempDir dir;
-  testutil::index_recipe recipe = testutil::recipe_from_events(make_events(false, 4, 30));
+  testutil::ModelFile recipe = testutil::model_from_events(make_events(false, 4, 30));
   const std::string path = dir.file("d.tsidx");
   testutil::write_file(path, testutil::build_index_file(recipe));
   // Every third value, plus one that the file does not hold.
   std::vector<tsval> del;
   for (size_t i = 0; i < recipe.values.size(); i += 3) {
-    if (i == 6) del.push_back(tsval{recipe.values[i].timestamp, recipe.values[i].event_address + 1, 0, 0, 0, 0});
-    del.push_back(recipe.values[i]);
+    if (i == 6) del.push_back(tsval{recipe.values[i].ts, recipe.values[i].addr + 1, 0, 0, 0, 0});
+    del.push_back(testutil::to_tsval(recipe.values[i]));
   }
   std::sort(del.begin(), del.end(), [](const tsval& a, const tsval& b) { return st_tsval_compare(&a, &b) < 0; });
   {
@@ -489,7 +484,7 @@ TEST(WarmSliceUpdate, DeleteByTsvalIsFlushedAtClose) {
     EXPECT_EQ(st_warm_slice_delete_by_tsval(w.get(), del.data(), static_cast<uint32_t>(del.size())),
               (recipe.values.size() + 2) / 3);
   }
-  for (size_t i = 0; i < recipe.values.size(); i += 3) recipe.values[i].source = DELETED_SOURCE;
+  for (size_t i = 0; i < recipe.values.size(); i += 3) recipe.values[i].src = DELETED_SOURCE;
   wrc rc{};
   warm_ptr w = open_as(path, mode::by_fd, &rc);
   ASSERT_NE(w, nullptr);
