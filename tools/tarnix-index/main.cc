@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "generate.h"
+#include "common/args.h"
 #include "searchthing/hotslice.h"
 #include "searchthing/lock.h"
 #include "searchthing/result.h"
@@ -23,7 +24,8 @@
 namespace {
 
 constexpr int EXIT_INPUT = 1;
-constexpr int EXIT_USAGE = 2;
+using tools::EXIT_USAGE;
+using tools::parse_u64;
 constexpr uint64_t PROGRESS_EVERY = 4096;   // events between looks at the clock
 constexpr uint64_t MAX_GENERATE = 2000000000;
 
@@ -72,25 +74,7 @@ struct options {
   bool emit = false;
 };
 
-[[noreturn]] void usage_error(const char* fmt, const char* arg) {
-  fprintf(stderr, "tarnix-index: ");
-  fprintf(stderr, fmt, arg);
-  fprintf(stderr, "\n(try tarnix-index --help)\n");
-  exit(EXIT_USAGE);
-}
-
-bool parse_u64(const char* s, uint64_t* out) {
-  if (s == nullptr || *s == '\0') return false;
-  uint64_t v = 0;
-  for (const char* p = s; *p != '\0'; ++p) {
-    if (*p < '0' || *p > '9') return false;
-    uint64_t d = static_cast<uint64_t>(*p - '0');
-    if (v > (UINT64_MAX - d) / 10) return false;
-    v = v * 10 + d;
-  }
-  *out = v;
-  return true;
-}
+[[noreturn]] void usage_error(const char* fmt, const char* arg) { tools::usage_exit("tarnix-index", fmt, arg); }
 
 options parse_args(int argc, char** argv) {
   options o;

@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/args.h"
 #include "searchthing/lock.h"
 #include "searchthing/merged_lex.h"
 #include "searchthing/result.h"
@@ -25,7 +26,8 @@
 namespace {
 
 constexpr int EXIT_FAILED = 1;
-constexpr int EXIT_USAGE = 2;
+using tools::EXIT_USAGE;
+using tools::parse_u64;
 constexpr uint32_t DEFAULT_TPB = 64;
 constexpr uint64_t MIN_PAGE_SIZE = 9;   // an 8-byte page header and one byte
 
@@ -75,25 +77,7 @@ struct options {
   bool native_counts = false;
 };
 
-[[noreturn]] void usage_error(const char* fmt, const char* arg) {
-  fprintf(stderr, "tarnix-lex: ");
-  fprintf(stderr, fmt, arg);
-  fprintf(stderr, "\n(try tarnix-lex --help)\n");
-  exit(EXIT_USAGE);
-}
-
-bool parse_u64(const char* s, uint64_t* out) {
-  if (s == nullptr || *s == '\0') return false;
-  uint64_t v = 0;
-  for (const char* p = s; *p != '\0'; ++p) {
-    if (*p < '0' || *p > '9') return false;
-    const auto d = static_cast<uint64_t>(*p - '0');
-    if (v > (UINT64_MAX - d) / 10) return false;
-    v = v * 10 + d;
-  }
-  *out = v;
-  return true;
-}
+[[noreturn]] void usage_error(const char* fmt, const char* arg) { tools::usage_exit("tarnix-lex", fmt, arg); }
 
 options parse_args(int argc, char** argv) {
   options o;

@@ -1,0 +1,35 @@
+// Command-line helpers shared by the extra tools.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+namespace tools {
+
+// Exit status of every tool for a command-line fault.
+inline constexpr int EXIT_USAGE = 2;
+
+// A whole decimal number without sign or blanks that fits 64 bits.
+inline bool parse_u64(const char* s, uint64_t* out) {
+  if (s == nullptr || *s == '\0') return false;
+  uint64_t v = 0;
+  for (const char* p = s; *p != '\0'; ++p) {
+    if (*p < '0' || *p > '9') return false;
+    const auto d = static_cast<uint64_t>(*p - '0');
+    if (v > (UINT64_MAX - d) / 10) return false;
+    v = v * 10 + d;
+  }
+  *out = v;
+  return true;
+}
+
+// "TOOL: <fmt with arg>" and a pointer to --help on stderr; exits with EXIT_USAGE.
+[[noreturn]] inline void usage_exit(const char* tool, const char* fmt, const char* arg) {
+  fprintf(stderr, "%s: ", tool);
+  fprintf(stderr, fmt, arg);
+  fprintf(stderr, "\n(try %s --help)\n", tool);
+  exit(EXIT_USAGE);
+}
+
+}  // namespace tools
