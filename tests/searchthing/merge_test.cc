@@ -87,20 +87,12 @@ ModelFile reference_merge(const std::vector<ModelFile>& srcs, bool tstats, uint3
     mapping[e.src][e.j] = static_cast<uint32_t>(out.values.size() - 1);
   }
   // Columns: the later source (and later position) overwrites.
-  {
-    // Source-major order of overwriting.
-    std::vector<const Entry*> by_src(all.size());
-    for (size_t k = 0; k < all.size(); ++k) by_src[k] = &all[k];
-    std::stable_sort(by_src.begin(), by_src.end(),
-                     [](const Entry* a, const Entry* b) { return a->src != b->src ? a->src < b->src : a->j < b->j; });
-    for (const Entry* e : by_src) {
-      ModelValue& t = out.values[mapping[e->src][e->j]];
-      t.et = e->v.et;
-      t.src = e->v.src;
-      t.stype = e->v.stype;
-      t.host = e->v.host;
-      t.deleted = e->v.deleted;
-    }
+  std::vector<const Entry*> by_src(all.size());
+  for (size_t k = 0; k < all.size(); ++k) by_src[k] = &all[k];
+  std::stable_sort(by_src.begin(), by_src.end(), [](const Entry* a, const Entry* b) { return a->src < b->src; });
+  for (const Entry* e : by_src) {
+    ModelValue& t = out.values[mapping[e->src][e->j]];
+    t = ModelValue{t.ts, t.addr, e->v.et, e->v.src, e->v.stype, e->v.host, e->v.deleted};
   }
   std::map<std::string, ModelTerm> terms;
   for (uint32_t s = 0; s < srcs.size(); ++s) {
@@ -153,24 +145,40 @@ struct MergeRun {
 
 class MergeTest : public ::testing::Test {
  protected:
-  // Writes the sources, merges them into a fresh target, returns its bytes.
-  MergeRun merge_files(const std::vector<bytes>& files, int tstats = 0, uint32_t tpb = 4, uint64_t page = 0) {
+  void TearDown() override { release(); }
+  void release() {
+    for (int fd : fds_) close(fd);
+    fds_.clear();
+  }
+  int keep(int fd) {
+    EXPECT_GE(fd, 0);
+    fds_.push_back(fd);
+    return fd;
+  }
+  // Writes and opens the sources; they stay open until release().
+  std::vector<int> sources(const std::vector<bytes>& files) {
     std::vector<int> fds;
-    for (size_t i = 0; i < files.size(); ++i) {
-      std::string p = dir_.file("src" + std::to_string(counter_) + "_" + std::to_string(i) + ".tsidx");
-      testutil::write_file(p, files[i]);
-      fds.push_back(open(p.c_str(), O_RDONLY | O_CLOEXEC));
-      EXPECT_GE(fds.back(), 0);
+    for (const bytes& f : files) {
+      const std::string p = dir_.file("src" + std::to_string(counter_++) + ".tsidx");
+      testutil::write_file(p, f);
+      fds.push_back(keep(open(p.c_str(), O_RDONLY | O_CLOEXEC)));
     }
-    std::string tp = dir_.file("target" + std::to_string(counter_++) + ".merge");
-    int tfd = open(tp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    EXPECT_GE(tfd, 0);
+    return fds;
+  }
+  // A fresh target file, open for writing until release().
+  int target() {
+    last_target_ = dir_.file("target" + std::to_string(counter_++) + ".merge");
+    return keep(open(last_target_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  }
+
+  // Merges the sources into a fresh target, returns its bytes.
+  MergeRun merge_files(const std::vector<bytes>& files, int tstats = 0, uint32_t tpb = 4, uint64_t page = 0) {
+    std::vector<int> fds = sources(files);
+    const int tfd = target();
     MergeRun r{};
     r.rc = st_warm_slice_merge_n(0, tfd, fds.data(), static_cast<uint32_t>(fds.size()), tpb, page, &r.w, tstats);
-    close(tfd);
-    for (int fd : fds) close(fd);
-    r.target = testutil::read_file(tp);
-    last_target_ = tp;
+    release();
+    r.target = testutil::read_file(last_target_);
     return r;
   }
 
@@ -203,6 +211,7 @@ class MergeTest : public ::testing::Test {
   testutil::TempDir dir_;
   int counter_ = 0;
   std::string last_target_;
+  std::vector<int> fds_;
 };
 
 ModelFile file_of(std::vector<ModelValue> values, std::vector<std::pair<std::string, std::vector<uint32_t>>> terms) {
@@ -210,12 +219,6 @@ ModelFile file_of(std::vector<ModelValue> values, std::vector<std::pair<std::str
   m.values = std::move(values);
   for (auto& [name, ids] : terms) m.terms.push_back(ModelTerm{name, ids});
   return m;
-}
-
-bytes file_of_bytes(std::vector<ModelValue> values) {
-  std::vector<uint32_t> ids(values.size());
-  for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i;
-  return testutil::build_index_file(file_of(std::move(values), {{"p", ids}}));
 }
 
 TEST_F(MergeTest, ValueMergeMappingsWithAndWithoutTstats) {
@@ -230,18 +233,10 @@ TEST_F(MergeTest, ValueMergeMappingsWithAndWithoutTstats) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.tstats);
-    std::vector<bytes> files = {
-        testutil::build_index_file(file_of({{100, 7}, {90, 1}}, {{"a", {0, 1}}})),
-        testutil::build_index_file(file_of({{100, 7}, {95, 3}}, {{"a", {0, 1}}})),
-    };
-    std::vector<int> fds;
-    for (size_t i = 0; i < files.size(); ++i) {
-      std::string p = dir_.file("v" + std::to_string(c.tstats) + std::to_string(i));
-      testutil::write_file(p, files[i]);
-      fds.push_back(open(p.c_str(), O_RDONLY | O_CLOEXEC));
-    }
-    std::string tp = dir_.file("t" + std::to_string(c.tstats));
-    int tfd = open(tp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    const ModelFile a = file_of({{100, 7}, {90, 1}}, {{"a", {0, 1}}});
+    ModelFile b = file_of({{100, 7}, {95, 3}}, {{"a", {0, 1}}});
+    std::vector<int> fds = sources({testutil::build_index_file(a), testutil::build_index_file(b)});
+    const int tfd = target();
     wrc w{};
     warm_header* hdrs = _read_src_headers(fds.data(), 2, &w);
     ASSERT_NE(hdrs, nullptr);
@@ -252,7 +247,7 @@ TEST_F(MergeTest, ValueMergeMappingsWithAndWithoutTstats) {
     EXPECT_EQ(hdr_num_values(&tgt), c.target.size());
     EXPECT_EQ(std::vector<uint32_t>(mapping, mapping + 2), c.map0);
     EXPECT_EQ(std::vector<uint32_t>(mapping + 2, mapping + 4), c.map1);
-    bytes t = testutil::read_file(tp);
+    bytes t = testutil::read_file(last_target_);
     ASSERT_EQ(t.size(), 64 + 8 * c.target.size());
     for (size_t k = 0; k < c.target.size(); ++k) {
       EXPECT_EQ(static_cast<int32_t>(load_be32(&t[64 + 8 * k])), c.target[k].first);
@@ -260,11 +255,9 @@ TEST_F(MergeTest, ValueMergeMappingsWithAndWithoutTstats) {
     }
     free(mapping);
     free(hdrs);
-    close(tfd);
-    for (int fd : fds) close(fd);
+    release();
     // And through the whole merge.
-    ModelFile a = file_of({{100, 7}, {90, 1}}, {{"a", {0, 1}}});
-    ModelFile b = file_of({{100, 7}, {95, 3}}, {{"a", {0, 1}}, {"b", {1}}});
+    b.terms.push_back(ModelTerm{"b", {1}});
     merge_and_check({a, b}, c.tstats);
   }
 }
@@ -483,7 +476,7 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
   // Values out of order still get ids in the order they are taken, so the
   // mapped lists keep ascending: the merge completes.
   ModelFile unsorted = file_of({{10, 1}, {90, 1}, {10, 1}}, {{"p", {0, 1, 2}}});
-  r = merge_files({file_of_bytes({{50, 1}}), testutil::build_index_file(unsorted)});
+  r = merge_files({testutil::build_index_file(file_of({{50, 1}}, {{"p", {0}}})), testutil::build_index_file(unsorted)});
   EXPECT_EQ(r.rc, 0) << r.w.message;
   // An empty list for a term the lexicon says the source holds.
   ModelFile hole = file_of({{10, 1}}, {{"p", {}}, {"q", {0}}});
@@ -498,14 +491,8 @@ TEST_F(MergeTest, LexiconOnlyTargetSumsSourceCounts) {
   ModelFile b = file_of({{3, 1}}, {{"b", {0}}, {"c", {0}}});
   testutil::fill_metadata(a);
   testutil::fill_metadata(b);
-  std::vector<int> fds;
-  for (const ModelFile& m : {a, b}) {
-    std::string p = dir_.file("lex" + std::to_string(fds.size()));
-    testutil::write_file(p, testutil::build_index_file(m));
-    fds.push_back(open(p.c_str(), O_RDONLY | O_CLOEXEC));
-  }
-  std::string tp = dir_.file("lex.tmp");
-  int tfd = open(tp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  std::vector<int> fds = sources({testutil::build_index_file(a), testutil::build_index_file(b)});
+  const int tfd = target();
   wrc w{};
   warm_header* hdrs = _read_src_headers(fds.data(), 2, &w);
   ASSERT_NE(hdrs, nullptr);
@@ -519,7 +506,7 @@ TEST_F(MergeTest, LexiconOnlyTargetSumsSourceCounts) {
   EXPECT_EQ(which[1], 2u);
   EXPECT_EQ(which[2], 3u);
   ASSERT_EQ(_merge_metadata(fds.data(), hdrs, 2, which, nullptr, tfd, &tgt, &w), 0);
-  bytes t = testutil::read_file(tp);
+  bytes t = testutil::read_file(last_target_);
   const uint64_t meta = _offset_metadata(&tgt);
   ASSERT_GE(t.size(), meta + 12);
   EXPECT_EQ(load_be32(&t[meta]), 2u);
@@ -527,8 +514,6 @@ TEST_F(MergeTest, LexiconOnlyTargetSumsSourceCounts) {
   EXPECT_EQ(load_be32(&t[meta + 8]), 2u) << "count only, summed over sources";
   _bmap_free(which);
   free(hdrs);
-  close(tfd);
-  for (int fd : fds) close(fd);
 }
 
 // ---- Property test over files written by the index file writer ----------------
