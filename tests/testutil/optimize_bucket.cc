@@ -169,6 +169,22 @@ std::string strip_times(const std::string& text) {
   return out;
 }
 
+const std::vector<std::string> kOptimizeEnv = {"OPTIMISTIC_ABOUT_FILE_LOCKING=yes", "LOG_TARNIX_OPTIMIZE"};
+
+RunResult run_optimize(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  return run_bin("tarnix-optimize", args, env);
+}
+
+std::string start_pattern(const std::string& dir, const std::string& settings) {
+  return "tm={N} tarnix-optimize start: dir=" + dir + " " + settings + "\n";
+}
+
+const std::string kDefaultSettings =
+    "mode=0 verbose=true isfinal=false max_iteration=2147483647 min_src_count=8 lex_tpb=64";
+const std::string kNothingToDoPattern =
+    "tm={N} optimize finished: less than 2 tsidx files in dir, (rc=-30 errno={N})\n"
+    "tm={N} exiting tarnix-optimize process with rc=-30\n";
+
 std::vector<posting> postings_of(const std::vector<event>& events) {
   std::vector<posting> out;
   for (const event& e : events) out.emplace_back(e.term, e.timestamp, e.address);

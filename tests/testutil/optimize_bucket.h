@@ -8,6 +8,8 @@
 #include <tuple>
 #include <vector>
 
+#include "testutil/testutil.h"
+
 namespace testutil {
 
 struct event {
@@ -42,6 +44,19 @@ bool pattern_match(const std::string& text, const std::string& pattern);
 
 // The text with every "tm=<digits> " replaced by "tm=T ".
 std::string strip_times(const std::string& text);
+
+// tarnix-optimize with these arguments; by default with lock files trusted
+// and the log variable unset.
+extern const std::vector<std::string> kOptimizeEnv;
+RunResult run_optimize(const std::vector<std::string>& args,
+                       const std::vector<std::string>& env = kOptimizeEnv);
+
+// Log patterns of a run: its start line, and the lines that end a run over
+// a directory with fewer than two index files. kDefaultSettings is the start
+// line's "mode=..." part for -v and nothing else.
+std::string start_pattern(const std::string& dir, const std::string& settings);
+extern const std::string kDefaultSettings;
+extern const std::string kNothingToDoPattern;
 
 // The events as postings, sorted.
 std::vector<posting> postings_of(const std::vector<event>& events);

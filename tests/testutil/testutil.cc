@@ -87,16 +87,9 @@ int temp_fd() {
   if (fd >= 0) unlink(templ);
   return fd;
 }
-}  // namespace
-
-RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-              const std::string& stdin_data) {
-  int out = temp_fd(), err = temp_fd(), in = temp_fd();
-  if (!stdin_data.empty()) {
-    if (write(in, stdin_data.data(), stdin_data.size()) != static_cast<ssize_t>(stdin_data.size()))
-      throw std::runtime_error("write stdin");
-    lseek(in, 0, SEEK_SET);
-  }
+// Forks and execs argv with the given descriptors as 0, 1 and 2.
+pid_t start(const std::vector<std::string>& argv, const std::vector<std::string>& env, int in, int out,
+            int err) {
   pid_t pid = fork();
   if (pid == 0) {
     dup2(in, 0);
@@ -116,10 +109,67 @@ RunResult run(const std::vector<std::string>& argv, const std::vector<std::strin
     execv(args[0], args.data());
     _exit(127);
   }
+  return pid;
+}
+
+std::vector<std::string> with_bin(const std::string& name, const std::vector<std::string>& args) {
+  std::vector<std::string> argv{bin(name)};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+}  // namespace
+
+int wait_status(pid_t pid) {
   int status = 0;
-  waitpid(pid, &status, 0);
+  if (pid <= 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+RunResult run_bin(const std::string& name, const std::vector<std::string>& args,
+                  const std::vector<std::string>& env, const std::string& stdin_data) {
+  return run(with_bin(name, args), env, stdin_data);
+}
+
+pid_t spawn_bin(const std::string& name, const std::vector<std::string>& args,
+                const std::vector<std::string>& env) {
+  int null_in = open("/dev/null", O_RDONLY | O_CLOEXEC), null_out = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  pid_t pid = start(with_bin(name, args), env, null_in, null_out, null_out);
+  close(null_in);
+  close(null_out);
+  return pid;
+}
+
+std::string read_text(const std::string& path) {
+  auto bytes = read_file(path);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+int64_t file_size(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+}
+
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+std::vector<std::string> names_ending(const std::string& dir, const std::string& suffix) {
+  std::vector<std::string> out;
+  for (auto& n : list_dir(dir)) {
+    if (n.ends_with(suffix)) out.push_back(n);
+  }
+  return out;
+}
+
+RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+              const std::string& stdin_data) {
+  int out = temp_fd(), err = temp_fd(), in = temp_fd();
+  if (!stdin_data.empty()) {
+    if (write(in, stdin_data.data(), stdin_data.size()) != static_cast<ssize_t>(stdin_data.size()))
+      throw std::runtime_error("write stdin");
+    lseek(in, 0, SEEK_SET);
+  }
+  pid_t pid = start(argv, env, in, out, err);
   RunResult r;
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  r.status = wait_status(pid);
   r.out = slurp_fd(out);
   r.err = slurp_fd(err);
   close(out);

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 #include <cstdint>
+#include <sys/types.h>
 
 namespace testutil {
 
@@ -40,5 +41,21 @@ struct RunResult {
 // Runs argv with extra environment entries ("NAME=value"; "NAME" alone unsets).
 RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
               const std::string& stdin_data = "");
+// run() of the built program `name` (see bin()) with these arguments.
+RunResult run_bin(const std::string& name, const std::vector<std::string>& args,
+                  const std::vector<std::string>& env = {}, const std::string& stdin_data = "");
+// Starts the built program `name` in the background, its output discarded,
+// with the environment changed as for run(); wait_status() waits for it and
+// gives its status the way run() does (-1 when it cannot be waited for).
+pid_t spawn_bin(const std::string& name, const std::vector<std::string>& args,
+                const std::vector<std::string>& env = {});
+int wait_status(pid_t pid);
+
+// A file's content as text; its size (-1 when missing); whether it exists.
+std::string read_text(const std::string& path);
+int64_t file_size(const std::string& path);
+bool exists(const std::string& path);
+// Names in a directory that end in `suffix`, sorted.
+std::vector<std::string> names_ending(const std::string& dir, const std::string& suffix);
 
 }  // namespace testutil
