@@ -84,19 +84,33 @@ merge_result run_merge(const std::vector<source>& sources, uint32_t tperb, uint6
   return r;
 }
 
-TEST(FclexMerge, CommonTermGetsBothBits) {
-  merge_result r = run_merge({{{"x", "z"}, 2}, {{"y", "z"}, 2}}, 4);
-  ASSERT_EQ(r.rc, 0);
-  EXPECT_EQ(r.merged, 3u);
-  EXPECT_EQ(r.terms, (terms_t{"x", "y", "z"}));
-  EXPECT_EQ(r.bmaps, (std::vector<bmap_t>{1, 2, 3}));
-}
-
-TEST(FclexMerge, SameSingleTermInThreeSources) {
-  merge_result r = run_merge({{{"t"}, 1}, {{"t"}, 4}, {{"t"}, 64}}, 2);
-  ASSERT_EQ(r.rc, 0);
-  EXPECT_EQ(r.terms, (terms_t{"t"}));
-  EXPECT_EQ(r.bmaps, (std::vector<bmap_t>{7}));
+// Worked merges: the union in order, one bit per source holding the term,
+// and each source's end offset just after its section.
+TEST(FclexMerge, WorkedExamples) {
+  struct row {
+    std::vector<source> sources;
+    terms_t terms;
+    std::vector<bmap_t> bmaps;
+  };
+  const row rows[] = {
+      {{{{"x", "z"}, 2}, {{"y", "z"}, 2}}, {"x", "y", "z"}, {1, 2, 3}},
+      {{{{"t"}, 1}, {{"t"}, 4}, {{"t"}, 64}}, {"t"}, {7}},
+      {{{{"a", "c", "e"}, 1}, {{"b", "d"}, 2}, {{"apple", "apt", "bat"}, 64}},
+       {"a", "apple", "apt", "b", "bat", "c", "d", "e"},
+       {1, 4, 4, 2, 4, 1, 2, 1}},
+  };
+  for (const row& w : rows) {
+    SCOPED_TRACE(w.terms.back());
+    merge_result r = run_merge(w.sources, 4);
+    ASSERT_EQ(r.rc, 0);
+    EXPECT_EQ(r.merged, w.terms.size());
+    EXPECT_EQ(r.terms, w.terms);
+    EXPECT_EQ(r.bmaps, w.bmaps);
+    for (size_t i = 0; i < w.sources.size(); ++i) {
+      EXPECT_GT(r.sizes[i], 0u);
+      EXPECT_EQ(r.ends[i], r.offsets[i] + r.sizes[i]);
+    }
+  }
 }
 
 TEST(FclexMerge, OneSourceIsReblocked) {
@@ -110,18 +124,6 @@ TEST(FclexMerge, OneSourceIsReblocked) {
     EXPECT_EQ(r.section, testutil::build_with_writer(terms, tperb));
     EXPECT_TRUE(std::all_of(r.bmaps.begin(), r.bmaps.end(), [](bmap_t b) { return b == 1; }));
   }
-}
-
-TEST(FclexMerge, EndOffsetsFollowEachSection) {
-  merge_result r = run_merge({{{"a", "c", "e"}, 1}, {{"b", "d"}, 2}, {{"apple", "apt", "bat"}, 64}}, 4);
-  ASSERT_EQ(r.rc, 0);
-  ASSERT_EQ(r.ends.size(), 3u);
-  for (size_t i = 0; i < 3; ++i) {
-    EXPECT_GT(r.sizes[i], 0u);
-    EXPECT_EQ(r.ends[i], r.offsets[i] + r.sizes[i]);
-  }
-  EXPECT_EQ(r.terms, (terms_t{"a", "apple", "apt", "b", "bat", "c", "d", "e"}));
-  EXPECT_EQ(r.bmaps, (std::vector<bmap_t>{1, 4, 4, 2, 4, 1, 2, 1}));
 }
 
 // The property the posting merge relies on: source i's m-th term is the
