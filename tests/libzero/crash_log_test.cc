@@ -47,22 +47,14 @@ const std::string STDERR_HEADER =
 constexpr int CHILD_NOT_INSTALLED = 77;  // the handler could not be installed
 constexpr int CHILD_SURVIVED = 99;       // the crash did not end the process
 
-std::string slurp(const std::string& path) {
-  auto bytes = testutil::read_file(path);
-  return std::string(bytes.begin(), bytes.end());
-}
+using testutil::read_text;
 
 void put_file(const std::string& path, const std::string& text) {
   testutil::write_file(path, std::vector<uint8_t>(text.begin(), text.end()));
 }
 
-std::vector<std::string> crash_files(const std::string& dir) {
-  std::vector<std::string> out;
-  for (const auto& n : testutil::list_dir(dir)) {
-    if (n.rfind("crash-", 0) == 0 && n.size() > 4 && n.substr(n.size() - 4) == ".log") out.push_back(n);
-  }
-  return out;
-}
+// The reports in a directory (nothing else there ends in ".log").
+std::vector<std::string> crash_files(const std::string& dir) { return testutil::names_ending(dir, ".log"); }
 
 std::string local_stamp(time_t t, const char* fmt) {
   struct tm tm;
@@ -146,11 +138,15 @@ death run_child(const std::function<int()>& setup, const std::function<void()>& 
   return d;
 }
 
-#define SKIP_IF_NOT_INSTALLED(d)                                                                \
+// Skips when the handler could not be installed; else the child must have
+// died of `sig`.
+#define EXPECT_DIED_OF(d, want_sig)                                                                  \
   do {                                                                                          \
     if (!(d).signaled && (d).status == CHILD_NOT_INSTALLED)                                     \
       GTEST_SKIP() << "the crash handler cannot be installed in this build (a sanitizer runtime " \
                       "keeps the fatal signals); run with ASAN_OPTIONS=handle_segv=0:...";     \
+    ASSERT_TRUE((d).signaled) << "exit status " << (d).status;                                  \
+    EXPECT_EQ((d).sig, (want_sig));                                                              \
   } while (0)
 
 // Checks that the pieces occur in this order; reports the first one missing.
@@ -223,7 +219,7 @@ std::string the_report(const std::string& dir, std::string* name = nullptr) {
   EXPECT_EQ(files.size(), 1u) << "reports in " << dir;
   if (files.size() != 1) return "";
   if (name != nullptr) *name = files[0];
-  return slurp(dir + "/" + files[0]);
+  return read_text(dir + "/" + files[0]);
 }
 
 std::string expected_uname_line() {
@@ -240,10 +236,8 @@ std::string expected_release_section() {
                                       "/etc/slackware-version", "/etc/gentoo-release",
                                       "/etc/mandrake-release"};
   for (const char* f : files) {
-    int fd = open(f, O_RDONLY);
-    if (fd < 0) continue;
-    close(fd);
-    std::string body = slurp(f);
+    if (!testutil::exists(f)) continue;
+    std::string body = read_text(f);
     if (body.size() > 1000) body = body.substr(0, 1000) + "<truncating output>";
     return std::string(" ") + f + ": " + body + "\n";
   }
@@ -371,9 +365,7 @@ TEST(CrashLog, EachFatalSignalLeavesOneCompleteReport) {
           c.crash(tmp.path());
         });
     time_t after = time(nullptr);
-    SKIP_IF_NOT_INSTALLED(d);
-    ASSERT_TRUE(d.signaled) << "exit status " << d.status;
-    EXPECT_EQ(d.sig, c.sig);
+    EXPECT_DIED_OF(d, c.sig);
 
     std::string name;
     std::string r = the_report(tmp.path(), &name);
@@ -455,9 +447,7 @@ TEST(CrashLog, ReportDirectoryFollowsTarnixHome) {
           return crash_log_creator_init_with_default_prefix() == 0 ? SIGFPE : -1;
         },
         [] { crash_divide_by_zero(); });
-    SKIP_IF_NOT_INSTALLED(d);
-    ASSERT_TRUE(d.signaled);
-    EXPECT_EQ(d.sig, SIGFPE);
+    EXPECT_DIED_OF(d, SIGFPE);
     const std::string& expected_dir = c.set_home ? logdir : cwd.path();
     const std::string& other_dir = c.set_home ? cwd.path() : logdir;
     EXPECT_EQ(crash_files(expected_dir).size(), c.expect_report ? 1u : 0u);
@@ -478,11 +468,9 @@ TEST(CrashLog, CrashInAnOccupiedSecondWritesNoReport) {
   }
   death d = run_child([&] { return crash_log_creator_init(tmp.path().c_str()) == 0 ? SIGSEGV : -1; },
                       [] { crash_null_write(); });
-  SKIP_IF_NOT_INSTALLED(d);
-  ASSERT_TRUE(d.signaled);
-  EXPECT_EQ(d.sig, SIGSEGV);
+  EXPECT_DIED_OF(d, SIGSEGV);
   EXPECT_EQ(crash_files(tmp.path()).size(), names.size());
-  for (const auto& n : names) EXPECT_EQ(slurp(tmp.file(n)), "earlier crash\n") << n;
+  for (const auto& n : names) EXPECT_EQ(read_text(tmp.file(n)), "earlier crash\n") << n;
 }
 
 TEST(CrashLog, OutOfDescriptorsReportsTheOpenDescriptors) {
@@ -497,9 +485,7 @@ TEST(CrashLog, OutOfDescriptorsReportsTheOpenDescriptors) {
         return SIGSEGV;
       },
       [] { crash_null_write(); });
-  SKIP_IF_NOT_INSTALLED(d);
-  ASSERT_TRUE(d.signaled);
-  EXPECT_EQ(d.sig, SIGSEGV);
+  EXPECT_DIED_OF(d, SIGSEGV);
   std::string name;
   std::string r = the_report(tmp.path(), &name);
   ASSERT_FALSE(r.empty());
@@ -513,43 +499,19 @@ TEST(CrashLog, OutOfDescriptorsReportsTheOpenDescriptors) {
 
 // ---- Standard error tail (SIGABRT only) ------------------------------------
 
-// The lines the report should show for a stderr file with this content.
-std::string expected_tail(const std::string& content) {
-  size_t start = 0;
-  if (content.size() > 800) {
-    start = content.size() - 800;
-    while (start < content.size() && content[start - 1] != '\n') ++start;
-  }
-  std::string out, line;
-  auto end_line = [&] {
-    if (!line.empty()) out += "    " + line + "\n";
-    line.clear();
-  };
-  for (size_t i = start; i < content.size(); ++i) {
-    unsigned char c = static_cast<unsigned char>(content[i]);
-    if (c == '\n') {
-      end_line();
-    } else if (c == '\0' || c == '\r') {
-    } else if (c == '\t') {
-      line += ' ';
-    } else if (c < 0x20 || c > 0x7E) {
-      line += '?';
-    } else {
-      line += static_cast<char>(c);
-    }
-  }
-  end_line();
-  return out;
-}
-
 TEST(CrashLog, AbortReportShowsTheCleanedTailOfStderr) {
-  std::string long_content;
+  // 120 lines of 31 bytes and the 41-byte assertion: the last 800 bytes
+  // start inside line 95, so the tail starts with line 96.
+  const std::string assertion = "prog: check.cc:12: Assertion `x' failed.\n";
+  std::string long_content, long_tail;
   for (int i = 0; i < 120; ++i) {
     char buf[64];
     snprintf(buf, sizeof(buf), "diagnostic line %03d of the run\n", i);
     long_content += buf;
+    if (i >= 96) long_tail += std::string("    ") + buf;
   }
-  long_content += "prog: check.cc:12: Assertion `x' failed.\n";
+  long_content += assertion;
+  long_tail += "    " + assertion;
   static const char tricky_raw[] =
       "first\n\tindented\r\n\n\r\nbin\x01"
       "ary\x7f\xff end\nnul\0byte\nno line end";
@@ -560,14 +522,17 @@ TEST(CrashLog, AbortReportShowsTheCleanedTailOfStderr) {
     int sig;
     bool do_register;
     std::string content;
-    bool expect_tail;
+    std::string tail;  // "": no section
   };
   const tail_case cases[] = {
-      {"short file: all of it, cleaned", SIGABRT, true, tricky, true},
-      {"long file: from the first line start in the last 800 bytes", SIGABRT, true, long_content, true},
-      {"empty file: no section", SIGABRT, true, "", false},
-      {"not registered: no section", SIGABRT, false, "lost\n", false},
-      {"not an abort: no section", SIGFPE, true, "kept out\n", false},
+      // Tabs become spaces, CR and NUL vanish, other unprintables are '?',
+      // empty lines are left out.
+      {"short file: all of it, cleaned", SIGABRT, true, tricky,
+       "    first\n     indented\n    bin?ary?? end\n    nulbyte\n    no line end\n"},
+      {"long file: from the first line start in the last 800 bytes", SIGABRT, true, long_content, long_tail},
+      {"empty file: no section", SIGABRT, true, "", ""},
+      {"not registered: no section", SIGABRT, false, "lost\n", ""},
+      {"not an abort: no section", SIGFPE, true, "kept out\n", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
@@ -585,26 +550,18 @@ TEST(CrashLog, AbortReportShowsTheCleanedTailOfStderr) {
           if (c.sig == SIGABRT) abort();
           crash_divide_by_zero();
         });
-    SKIP_IF_NOT_INSTALLED(d);
-    ASSERT_TRUE(d.signaled);
-    EXPECT_EQ(d.sig, c.sig);
+    EXPECT_DIED_OF(d, c.sig);
     std::string r = the_report(tmp.path());
     ASSERT_FALSE(r.empty());
-    if (!c.expect_tail) {
+    if (c.tail.empty()) {
       EXPECT_EQ(r.find(STDERR_HEADER), std::string::npos);
       continue;
     }
-    std::string want = expected_tail(c.content);
-    ASSERT_FALSE(want.empty());
     // Right after the system line; the release file or the errno follows.
-    expect_in_order(r, {expected_uname_line() + STDERR_HEADER + want});
-    size_t after = r.find(STDERR_HEADER + want) + STDERR_HEADER.size() + want.size();
+    expect_in_order(r, {expected_uname_line() + STDERR_HEADER + c.tail});
+    size_t after = r.find(STDERR_HEADER + c.tail) + STDERR_HEADER.size() + c.tail.size();
     EXPECT_NE(r.substr(after, 4), "    ");
   }
-  // The expected tails themselves, spelled out for the tricky file.
-  EXPECT_EQ(expected_tail(tricky),
-            "    first\n     indented\n    bin?ary?? end\n    nulbyte\n    no line end\n");
-  EXPECT_EQ(expected_tail(long_content).rfind("    diagnostic line", 0), 0u);
 }
 
 // ---- Notations, thread name and thread count -------------------------------
@@ -626,23 +583,25 @@ TEST(CrashLog, NotationsRenderInOrderAfterTheThreadFacts) {
       [&] {
         register_get_current_threadname_func(&thread_name);
         register_get_threadcount_func(&thread_count);
-        if (crashlog_notation_global_add("alpha") != 0) return -1;
-        if (crashlog_notation_global_add_func(&render_with_prefix, "payload") != 0) return -1;
-        if (crashlog_notation_global_add("") != 0) return -1;  // writes nothing: no line
-        if (crashlog_notation_global_add_func(&render_nothing, nullptr) != 0) return -1;
-        if (crashlog_notation_global_add("beta") != 0) return -1;
-        if (crashlog_notation_perthread_push("gamma") != 0) return -1;
-        if (crashlog_notation_perthread_push("delta") != 0) return -1;
-        if (crashlog_notation_perthread_push("epsilon") != 0) return -1;
-        crashlog_notation_perthread_pop();
-        if (crashlog_notation_perthread_push_func(&render_with_prefix, "zeta") != 0) return -1;
-        if (crashlog_notation_perthread_push("eta") != 0) return -1;
-        crashlog_notation_perthread_pop();
-        return crash_log_creator_init(tmp.path().c_str()) == 0 ? SIGSEGV : -1;
+        // In this order (a braced list is evaluated left to right); the empty
+        // notation and render_nothing write nothing, so no line.
+        const int rcs[] = {crashlog_notation_global_add("alpha"),
+                           crashlog_notation_global_add_func(&render_with_prefix, "payload"),
+                           crashlog_notation_global_add(""),
+                           crashlog_notation_global_add_func(&render_nothing, nullptr),
+                           crashlog_notation_global_add("beta"),
+                           crashlog_notation_perthread_push("gamma"),
+                           crashlog_notation_perthread_push("delta"),
+                           crashlog_notation_perthread_push("epsilon"),
+                           (crashlog_notation_perthread_pop(), 0),
+                           crashlog_notation_perthread_push_func(&render_with_prefix, "zeta"),
+                           crashlog_notation_perthread_push("eta"),
+                           (crashlog_notation_perthread_pop(), 0)};
+        const bool bad = std::any_of(std::begin(rcs), std::end(rcs), [](int rc) { return rc != 0; });
+        return !bad && crash_log_creator_init(tmp.path().c_str()) == 0 ? SIGSEGV : -1;
       },
       [] { crash_null_write(); });
-  SKIP_IF_NOT_INSTALLED(d);
-  ASSERT_TRUE(d.signaled);
+  EXPECT_DIED_OF(d, SIGSEGV);
   std::string r = the_report(tmp.path());
   ASSERT_FALSE(r.empty());
   expect_in_order(r, {" Cause:\n   No memory mapped at address [0x0000000000000000].\n"
@@ -673,9 +632,7 @@ TEST(CrashLog, NotationListsStopAt1024) {
         return crash_log_creator_init(tmp.path().c_str()) == 0 ? SIGILL : -1;
       },
       [] { crash_trap(); });
-  SKIP_IF_NOT_INSTALLED(d);
-  ASSERT_TRUE(d.signaled);
-  EXPECT_EQ(d.sig, SIGILL);
+  EXPECT_DIED_OF(d, SIGILL);
   std::string r = the_report(tmp.path());
   ASSERT_FALSE(r.empty());
   std::string want;
@@ -732,7 +689,7 @@ TEST(CrashLog, FailedInstallationPrintsWhyAndLeavesDefaults) {
   waitpid(pid, &status, 0);
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(slurp(errfile).rfind("cannot allocate alternate stack: ", 0), 0u) << slurp(errfile);
+  EXPECT_EQ(read_text(errfile).rfind("cannot allocate alternate stack: ", 0), 0u) << read_text(errfile);
   EXPECT_TRUE(crash_files(tmp.path()).empty());
 #endif
 }
@@ -747,7 +704,7 @@ struct writer_file {
   crash_log_writer z;
   writer_file() { crash_log_writer_init(&z, fd); }
   ~writer_file() { close(fd); }
-  std::string content() const { return slurp(path); }
+  std::string content() const { return read_text(path); }
 };
 
 TEST(CrashLogWriter, EnforcesTheWriteAndTotalLimits) {
