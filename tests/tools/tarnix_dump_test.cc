@@ -12,10 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "searchthing/hotslice.h"
-#include "searchthing/warmslice.h"
-#include "searchthing/warmslice_merge.h"
 #include "testutil/testutil.h"
+#include "tools/library_files.h"
 #include "tools/tsidx_builder.h"
 
 using namespace toolstest;
@@ -25,11 +23,7 @@ using testutil::TempDir;
 
 namespace {
 
-testutil::RunResult dump(const std::vector<std::string>& args) {
-  std::vector<std::string> argv{bin("tarnix-dump")};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return run(argv);
-}
+testutil::RunResult dump(const std::vector<std::string>& args) { return testutil::run_bin("tarnix-dump", args); }
 
 const std::vector<tvalue> kValues = {
     {500, 90, 3, 1, 2, 7}, {500, 80, 1, 2, 2, 7}, {450, 70, 0, 3, 1, 6}, {400, 60, 2, 0xFFFFFFFFu, 1, 5},
@@ -211,36 +205,12 @@ TEST(TarnixDumpLexicon, LexiconOnlyFileTerms) {
 
 // ---- agreement with the library's reader on a merged file ---------------------------
 
-std::string write_slice(const std::string& dir, uint32_t seed) {
-  wrc w{};
-  hot_slice* hot = st_hot_slice_create(1 << 20, 1 << 14, 1 << 16, 1 << 12, 0, &w);
-  std::mt19937 rng(seed);
-  for (uint32_t i = 0; i < 200; ++i) {
-    const int32_t ts = static_cast<int32_t>(100 + rng() % 50);
-    for (int k = 0; k < 3; ++k) {
-      const std::string term = "w" + std::to_string(rng() % 60);
-      st_hot_slice_put(hot, term.c_str(), static_cast<uint32_t>(term.size()), ts, seed * 1000 + i, 1, 2, 3, 4);
-    }
-  }
-  char name[PATH_BUF_SZ];
-  warm* wm = st_warm_slice_create(hot, name, dir.c_str(), ".tsidx", &w);
-  EXPECT_NE(wm, nullptr);
-  if (wm) st_warm_slice_close(wm);
-  st_hot_slice_close(hot);
-  return name;
-}
-
 TEST(TarnixDumpAgreement, PostingsMatchTheLibraryReaderOnAMergedFile) {
   TempDir d;
-  std::vector<int> fds;
-  for (uint32_t s = 1; s <= 4; ++s) fds.push_back(open(write_slice(d.path(), s).c_str(), O_RDONLY | O_CLOEXEC));
-  const std::string out = d.file("m.merge");
-  const int tfd = open(out.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  std::vector<std::string> files;
+  for (uint32_t s = 1; s <= 4; ++s) files.push_back(write_slice(d.path(), s, 200, 0));
+  const std::string out = merge_files(d.file("m.merge"), files, 5);
   wrc w{};
-  ASSERT_EQ(st_warm_slice_merge_n(0, tfd, fds.data(), 4, 5, 0, &w, 0), 0) << w.message;
-  for (int fd : fds) close(fd);
-  close(tfd);
-
   warm* wm = st_warm_slice_open(out.c_str(), 0, &w);
   ASSERT_NE(wm, nullptr) << w.warm_rc;
   auto terms = dump({out, "--terms"});
