@@ -22,13 +22,14 @@ constexpr int kBigN = 20000;   // the sanitizers make the full run too slow
 constexpr int kBigN = 200000;
 #endif
 
-std::string tool() { return testutil::bin("tarnix-index"); }
+RunResult run_index(const std::vector<std::string>& args, const std::string& input = "") {
+  return testutil::run_bin("tarnix-index", args, {}, input);
+}
 
 RunResult emit(int n, int seed, bool streaming = false) {
-  std::vector<std::string> argv = {tool(), "--generate", std::to_string(n), "--seed", std::to_string(seed),
-                                   "--emit-events"};
-  if (streaming) argv.push_back("--streaming");
-  return testutil::run(argv);
+  std::vector<std::string> args = {"--generate", std::to_string(n), "--seed", std::to_string(seed), "--emit-events"};
+  if (streaming) args.push_back("--streaming");
+  return run_index(args);
 }
 
 // The events of input-format text, as the bucket reader reports them.
@@ -87,7 +88,7 @@ TEST(TarnixIndex, GeneratedEventsMakeABucketThatHoldsThemAll) {
   ASSERT_EQ(expected.events.size(), static_cast<size_t>(kBigN)) << "addresses are unique";
 
   TempDir d;
-  RunResult r = testutil::run({tool(), "--generate", std::to_string(kBigN), "--seed", "1", "-d", d.path(), "-q"});
+  RunResult r = run_index({"--generate", std::to_string(kBigN), "--seed", "1", "-d", d.path(), "-q"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "");
   expect_bucket_holds(d.path(), expected, kBigN);
@@ -100,7 +101,7 @@ TEST(TarnixIndex, GeneratedEventsMakeABucketThatHoldsThemAll) {
   std::string input = from_file.file("events.txt");
   testutil::write_file(input, std::vector<uint8_t>(e.out.begin(), e.out.end()));
   TempDir d2;
-  r = testutil::run({tool(), "-d", d2.path(), "-q", "--max-values", "50000", "--max-terms", "200000",
+  r = run_index({"-d", d2.path(), "-q", "--max-values", "50000", "--max-terms", "200000",
                      "--max-term-chars", "4000000", "--max-postings", "1000000", input});
   ASSERT_EQ(r.status, 0) << r.err;
   expect_bucket_holds(d2.path(), expected, kBigN);
@@ -112,14 +113,14 @@ TEST(TarnixIndex, StreamingModeTakesTimeOrderedEvents) {
   ASSERT_EQ(e.status, 0);
   testutil::EventIndex expected = parse_events(e.out);
   TempDir d;
-  RunResult r = testutil::run({tool(), "--generate", "5000", "--seed", "7", "--streaming", "-d", d.path(), "-q",
+  RunResult r = run_index({"--generate", "5000", "--seed", "7", "--streaming", "-d", d.path(), "-q",
                                "--max-values", "700"});
   ASSERT_EQ(r.status, 0) << r.err;
   expect_bucket_holds(d.path(), expected, 5000);
 
   // The same events on standard input.
   TempDir d2;
-  r = testutil::run({tool(), "--streaming", "-d", d2.path(), "-q", "-"}, {}, e.out);
+  r = run_index({"--streaming", "-d", d2.path(), "-q", "-"}, e.out);
   ASSERT_EQ(r.status, 0) << r.err;
   expect_bucket_holds(d2.path(), expected, 5000);
 }
@@ -159,9 +160,9 @@ class TarnixIndexBadInput : public ::testing::TestWithParam<BadInput> {};
 TEST_P(TarnixIndexBadInput, OneLineErrorWithTheLineNumber) {
   const BadInput& c = GetParam();
   TempDir d;
-  std::vector<std::string> argv = {tool(), "-d", d.path(), "--max-values", "1"};
-  argv.insert(argv.end(), c.extra_args.begin(), c.extra_args.end());
-  RunResult r = testutil::run(argv, {}, c.input);
+  std::vector<std::string> args = {"-d", d.path(), "--max-values", "1"};
+  args.insert(args.end(), c.extra_args.begin(), c.extra_args.end());
+  RunResult r = run_index(args, c.input);
   EXPECT_EQ(r.status, 1) << r.err;
   std::string prefix = "tarnix-index: line " + std::to_string(c.line) + ": ";
   EXPECT_EQ(r.err.rfind(prefix, 0), 0u) << r.err;
@@ -200,21 +201,21 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
   // Nobody, root included, creates files in /proc.
-  RunResult r = testutil::run({tool(), "-d", "/proc", "--max-values", "2"}, {},
-                              OK1 + OK2 + "102\t3\t0\t0\t0\t0\tx\n" + "103\t4\t0\t0\t0\t0\tx\n");
+  RunResult r = run_index({"-d", "/proc", "--max-values", "2"},
+                          OK1 + OK2 + "102\t3\t0\t0\t0\t0\tx\n" + "103\t4\t0\t0\t0\t0\tx\n");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err.rfind("tarnix-index: line 3: writing an index file into /proc failed", 0), 0u) << r.err;
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
 
   TempDir d;
-  r = testutil::run({tool(), "-d", d.file("missing"), "-q"}, {}, OK1);
+  r = run_index({"-d", d.file("missing"), "-q"}, OK1);
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("missing"), std::string::npos);
   testutil::write_file(d.file("plain"), {});
-  r = testutil::run({tool(), "-d", d.file("plain")}, {}, OK1);
+  r = run_index({"-d", d.file("plain")}, OK1);
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("not a directory"), std::string::npos);
-  r = testutil::run({tool(), "-d", d.path(), d.file("no-such-input")});
+  r = run_index({"-d", d.path(), d.file("no-such-input")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("cannot open"), std::string::npos);
 }
@@ -238,30 +239,28 @@ TEST(TarnixIndex, UsageErrors) {
       {{"-d", d.path(), "a.txt", "b.txt"}, "more than one input"},
   };
   for (const auto& c : cases) {
-    std::vector<std::string> argv = {tool()};
-    argv.insert(argv.end(), c.args.begin(), c.args.end());
-    RunResult r = testutil::run(argv);
+    RunResult r = run_index(c.args);
     EXPECT_EQ(r.status, 2) << c.message;
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
   }
   EXPECT_TRUE(testutil::list_dir(d.path()).empty());
-  RunResult h = testutil::run({tool(), "--help"});
+  RunResult h = run_index({"--help"});
   EXPECT_EQ(h.status, 0);
   EXPECT_EQ(h.out.rfind("usage: tarnix-index", 0), 0u);
 }
 
 TEST(TarnixIndex, SummaryUnlessQuiet) {
   TempDir d;
-  RunResult r = testutil::run({tool(), "-d", d.path(), "--generate", "100"});
+  RunResult r = run_index({"-d", d.path(), "--generate", "100"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.err.find("tarnix-index: 100 events indexed into 1 files"), std::string::npos) << r.err;
   TempDir q;
-  r = testutil::run({tool(), "-d", q.path(), "--generate", "100", "-q"});
+  r = run_index({"-d", q.path(), "--generate", "100", "-q"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.err, "");
   // An empty input writes nothing.
   TempDir e;
-  r = testutil::run({tool(), "-d", e.path(), "-q"}, {}, "");
+  r = run_index({"-d", e.path(), "-q"}, "");
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(testutil::list_dir(e.path()).empty());
 }
