@@ -23,13 +23,14 @@ namespace {
 
 using term_counts = std::map<std::string, uint32_t>;
 
-std::string tool() { return testutil::bin("tarnix-lex"); }
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+using testutil::exists;
+
+RunResult lex(const std::vector<std::string>& args) { return testutil::run_bin("tarnix-lex", args); }
 
 // A bucket of several index files from tarnix-index.
 void make_bucket(const TempDir& dir, int events, int seed) {
-  RunResult r = testutil::run({testutil::bin("tarnix-index"), "-d", dir.path(), "--generate", std::to_string(events),
-                               "--seed", std::to_string(seed), "--max-values", "60", "-q"});
+  RunResult r = testutil::run_bin("tarnix-index", {"-d", dir.path(), "--generate", std::to_string(events), "--seed",
+                                                  std::to_string(seed), "--max-values", "60", "-q"});
   ASSERT_EQ(r.status, 0) << r.err;
 }
 
@@ -81,15 +82,14 @@ TEST(TarnixLex, MergeFilterAndList) {
   const std::string merged = dir.file("merged_lexicon.lex");
   const std::string filtered = dir.file("filtered_merged_lexicon.lex");
 
-  RunResult r = testutil::run({tool(), "-d", dir.path(), "-b", "5", "-p", "100"});
+  RunResult r = lex({"-d", dir.path(), "-b", "5", "-p", "100"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "");
-  auto status = testutil::read_file(dir.file("optimize.result"));
-  EXPECT_EQ(std::string(status.begin(), status.end()).rfind("tarnix-optimize-lex complete with rc=0 wrc=[0,", 0),
+  EXPECT_EQ(testutil::read_text(dir.file("optimize.result")).rfind("tarnix-optimize-lex complete with rc=0 wrc=[0,", 0),
             0u);
 
-  r = testutil::run({tool(), "--list", merged});
+  r = lex({"--list", merged});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(parse_list(r.out), all);
 
@@ -99,10 +99,10 @@ TEST(TarnixLex, MergeFilterAndList) {
   for (const auto& [t, c] : all) {
     if (t.rfind(prefix, 0) == 0) with_prefix[t] = c;
   }
-  r = testutil::run({tool(), "--list", merged, "--prefix", prefix});
+  r = lex({"--list", merged, "--prefix", prefix});
   ASSERT_EQ(r.status, 0);
   EXPECT_EQ(parse_list(r.out), with_prefix);
-  r = testutil::run({tool(), "--list", merged, "--prefix", "\x7f" "no-such-term"});
+  r = lex({"--list", merged, "--prefix", "\x7f" "no-such-term"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "");
 
@@ -112,20 +112,20 @@ TEST(TarnixLex, MergeFilterAndList) {
   const term_counts want = at_least(all, min_count);
   ASSERT_FALSE(want.empty());
   ASSERT_LT(want.size(), all.size());
-  r = testutil::run({tool(), "-d", dir.path(), "--filter", std::to_string(min_count), "-v"});
+  r = lex({"-d", dir.path(), "--filter", std::to_string(min_count), "-v"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out.rfind("filtering merged lexicon\n", 0), 0u) << r.out;
 
   // The filtered file is recognised by its name; a copy under another name
   // needs --native-counts, and without it shows every count byte-swapped.
-  r = testutil::run({tool(), "--list", filtered});
+  r = lex({"--list", filtered});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(parse_list(r.out), want);
   const std::string copy = dir.file("copy.lex");
   testutil::write_file(copy, testutil::read_file(filtered));
-  r = testutil::run({tool(), "--list", copy, "--native-counts"});
+  r = lex({"--list", copy, "--native-counts"});
   EXPECT_EQ(parse_list(r.out), want);
-  r = testutil::run({tool(), "--list", copy});
+  r = lex({"--list", copy});
   term_counts as_big_endian;
   for (const auto& [t, c] : want) as_big_endian[t] = std::endian::native == std::endian::little ? bswap(c) : c;
   EXPECT_EQ(parse_list(r.out), as_big_endian);
@@ -141,9 +141,7 @@ TEST(TarnixLex, MergeFilterAndList) {
       {{"-d", dir.path(), "--filter", "1"}, "tarnix-lex: filtering failed: rc=-28 (ST_EEXISTS)"},
   };
   for (const auto& a : again) {
-    std::vector<std::string> argv = {tool()};
-    argv.insert(argv.end(), a.args.begin(), a.args.end());
-    r = testutil::run(argv);
+    r = lex(a.args);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err.rfind(a.err, 0), 0u) << r.err;
   }
@@ -156,19 +154,19 @@ TEST(TarnixLex, MergeFilterAndList) {
 TEST(TarnixLex, FilterThatKeepsNothingIsRefused) {
   TempDir dir;
   make_bucket(dir, 120, 3);
-  ASSERT_EQ(testutil::run({tool(), "-d", dir.path()}).status, 0);
+  ASSERT_EQ(lex({"-d", dir.path()}).status, 0);
   uint32_t top = 0;
   for (const auto& [t, c] : expected_union(dir)) top = std::max(top, c);
-  RunResult r = testutil::run({tool(), "-d", dir.path(), "--filter", std::to_string(top + 1)});
+  RunResult r = lex({"-d", dir.path(), "--filter", std::to_string(top + 1)});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tarnix-lex: no term of " + dir.file("merged_lexicon.lex") + " has a count of at least " +
                        std::to_string(top + 1) + "; the filtered lexicon would be empty, nothing written\n");
   EXPECT_FALSE(exists(dir.file("filtered_merged_lexicon.lex")));
   EXPECT_FALSE(exists(dir.file("filtered_merged_lexicon.lex.tmp")));
   // The highest count itself keeps something.
-  r = testutil::run({tool(), "-d", dir.path(), "--filter", std::to_string(top)});
+  r = lex({"-d", dir.path(), "--filter", std::to_string(top)});
   EXPECT_EQ(r.status, 0) << r.err;
-  r = testutil::run({tool(), "--list", dir.file("filtered_merged_lexicon.lex")});
+  r = lex({"--list", dir.file("filtered_merged_lexicon.lex")});
   EXPECT_EQ(parse_list(r.out), at_least(expected_union(dir), top));
 }
 
@@ -176,24 +174,23 @@ TEST(TarnixLex, DirectoryOutcomes) {
   // One index file: nothing to merge, not a failure.
   TempDir one;
   ASSERT_NE(testutil::write_slice(one.path(), testutil::make_events(1, 3, 10, 100)), "");
-  RunResult r = testutil::run({tool(), "-d", one.path(), "-v"});
+  RunResult r = lex({"-d", one.path(), "-v"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "tarnix-lex: fewer than 2 index files in " + one.path() + ", nothing merged\n");
-  auto status = testutil::read_file(one.file("optimize.result"));
-  EXPECT_EQ(std::string(status.begin(), status.end()).rfind("tarnix-optimize-lex complete with rc=-30 wrc=[-30,", 0),
+  EXPECT_EQ(testutil::read_text(one.file("optimize.result")).rfind("tarnix-optimize-lex complete with rc=-30 wrc=[-30,", 0),
             0u);
   EXPECT_FALSE(exists(one.file("merged_lexicon.lex")));
 
   // Filtering without a merged lexicon.
-  r = testutil::run({tool(), "-d", one.path(), "--filter", "1", "-v"});
+  r = lex({"-d", one.path(), "--filter", "1", "-v"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "Lexicon filtering aborted. Input file \"" + one.file("merged_lexicon.lex") +
                        "\" does not exist.\n");
   EXPECT_EQ(r.err.rfind("tarnix-lex: filtering failed: rc=-28 (ST_EEXISTS)", 0), 0u) << r.err;
 
   // A directory that cannot be listed.
-  r = testutil::run({tool(), "-d", one.file("missing")});
+  r = lex({"-d", one.file("missing")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("failed to open file " + one.file("missing") + "/optimize.result\n"), std::string::npos);
   EXPECT_NE(r.err.find("tarnix-lex: merging failed: rc=-1 (WS_ENOTAVAIL)"), std::string::npos) << r.err;
@@ -210,7 +207,7 @@ TEST(TarnixLex, ListRefusesWhatItCannotRead) {
       {dir.file("junk.lex"), "tarnix-lex: cannot read " + dir.file("junk.lex") + ": rc=-13 (WS_EMAGIC)"},
   };
   for (const auto& c : cases) {
-    RunResult r = testutil::run({tool(), "--list", c.file});
+    RunResult r = lex({"--list", c.file});
     EXPECT_EQ(r.status, 1) << c.file;
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err.rfind(c.err_start, 0), 0u) << r.err;
@@ -238,9 +235,7 @@ TEST(TarnixLex, UsageErrors) {
       {"-d", dir.path(), "--bogus"},
   };
   for (const auto& args : bad) {
-    std::vector<std::string> argv = {tool()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    RunResult r = testutil::run(argv);
+    RunResult r = lex(args);
     std::string joined;
     for (const auto& a : args) joined += a + " ";
     EXPECT_EQ(r.status, 2) << joined;
@@ -251,7 +246,7 @@ TEST(TarnixLex, UsageErrors) {
   // Nothing was written by a refused command line.
   EXPECT_TRUE(testutil::list_dir(dir.path()).empty());
 
-  RunResult r = testutil::run({tool(), "--help"});
+  RunResult r = lex({"--help"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out.rfind("usage: tarnix-lex -d DIR", 0), 0u);
   EXPECT_NE(r.out.find("--native-counts"), std::string::npos);
