@@ -99,7 +99,7 @@ bool _check_fd_support(const fclex* h) noexcept {
 // -12 instead of a read outside it.
 
 int _fclex_decode_term(const uint8_t* block, uint64_t block_sz, uint64_t* off, uint32_t j,
-                       uint32_t tperb, char* term, uint32_t* len) noexcept {
+                       uint32_t tperb, char* term, uint32_t* len, uint32_t* prefix_out) noexcept {
   const uint8_t* end = block + block_sz;
   uint64_t pos = *off;
   if (pos > block_sz) return WS_EDATA;
@@ -134,6 +134,7 @@ int _fclex_decode_term(const uint8_t* block, uint64_t block_sz, uint64_t* off, u
   term[total] = '\0';
   *len = static_cast<uint32_t>(total);
   *off = pos + suffix;
+  if (prefix_out != nullptr) *prefix_out = prefix;
   return 0;
 }
 

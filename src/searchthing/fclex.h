@@ -51,11 +51,12 @@ uint32_t _lcp(const char* a, const char* b) noexcept;
 // Decodes the term at position j of a block of block_sz bytes, starting at
 // *off, into term (TERM_BUF_SZ bytes). For j > 0, term and *len hold the
 // previous term of the block on entry. Never reads outside the block.
+// *prefix (when not null) receives the bytes taken from the previous term.
 // 0, or -12 when the bytes are malformed (bad VBE, a length running past the
 // block, an empty or over-long term, a NUL byte, a prefix longer than the
 // previous term). Advances *off past the term.
 int _fclex_decode_term(const uint8_t* block, uint64_t block_sz, uint64_t* off, uint32_t j,
-                       uint32_t tperb, char* term, uint32_t* len) noexcept;
+                       uint32_t tperb, char* term, uint32_t* len, uint32_t* prefix = nullptr) noexcept;
 
 // Blocks for terms at tperb per block; asserts "terms > 0", "tperb > 0".
 uint32_t _how_many_blocks_helper(uint32_t terms, uint32_t tperb) noexcept;

@@ -207,6 +207,7 @@ int _lex_writer_open(int verbose, lex_writer* w, uint32_t tperb, uint64_t page_s
                      uint32_t expected_terms) noexcept {
   w->_cursor = 0;
   w->prev_term[0] = '\0';
+  w->prev_len = 0;
   w->_blocks_off = 0;
   w->_bo_idx = 0;
   w->uncompressed_size = 0;
@@ -232,17 +233,14 @@ int _lex_writer_open(int verbose, lex_writer* w, uint32_t tperb, uint64_t page_s
   return 0;
 }
 
-int _lex_writer_put(lex_writer* w, const char* term, uint64_t length) noexcept {
-  ST_ASSERT_TEXT(w->tperb != 0, "tperb");
-  // A stored term is at most 2047 bytes: every reader decodes into a buffer
-  // of 2048, and the previous term is kept in one.
-  if (length > MAX_TERM_LEN) return WS_E32BIT;
-  uint32_t j = w->_cursor % w->tperb;
-  auto len = static_cast<uint32_t>(length);
+namespace {
+
+// Appends a term known to differ from the previous one, of which it shares
+// the first lcp bytes (exactly: the next byte differs or one of them ends).
+int put_distinct(lex_writer* w, const char* term, uint32_t len, uint32_t lcp) noexcept {
+  const uint32_t j = w->_cursor % w->tperb;
   int rc = 0;
   if (j == 0) {
-    // Duplicates are dropped here, silently: the merge relies on it.
-    if (strlen(w->prev_term) == len && memcmp(w->prev_term, term, len) == 0) return 0;
     if (w->_blocks_off != 0) {
       if (w->_blocks_off > 0xFFFFFFFFu) return WS_E32BIT;
       ST_ASSERT(w->_bo_idx < offset_slots(w));
@@ -250,24 +248,47 @@ int _lex_writer_put(lex_writer* w, const char* term, uint64_t length) noexcept {
     }
     if ((rc = write_vbe(w, len)) != 0 || (rc = _write_to_pages(w, term, len)) != 0) return rc;
     memcpy(w->prev_term, term, len);
-    w->prev_term[len] = '\0';
   } else {
-    uint32_t p = 0;
-    while (p < len && w->prev_term[p] != '\0' && w->prev_term[p] == term[p]) ++p;
-    if (p == len) return 0;  // repeats the previous term
     if (j < w->tperb - 1) {
-      if ((rc = write_vbe(w, p)) != 0 || (rc = write_vbe(w, len - p)) != 0) return rc;
+      if ((rc = write_vbe(w, lcp)) != 0 || (rc = write_vbe(w, len - lcp)) != 0) return rc;
     } else {
       ST_ASSERT_TEXT(w->_cursor % w->tperb == w->tperb - 1, "writer->_cursor % tperb == tperb -1");
-      if ((rc = write_vbe(w, p)) != 0) return rc;
+      if ((rc = write_vbe(w, lcp)) != 0) return rc;
     }
-    if ((rc = _write_to_pages(w, term + p, len - p)) != 0) return rc;
-    memcpy(w->prev_term + p, term + p, len - p);
-    w->prev_term[len] = '\0';
+    if ((rc = _write_to_pages(w, term + lcp, len - lcp)) != 0) return rc;
+    memcpy(w->prev_term + lcp, term + lcp, len - lcp);
   }
+  w->prev_term[len] = '\0';
+  w->prev_len = len;
   w->_cursor += 1;
   w->uncompressed_size += len;
   return 0;
+}
+
+}  // namespace
+
+int _lex_writer_put(lex_writer* w, const char* term, uint64_t length) noexcept {
+  ST_ASSERT_TEXT(w->tperb != 0, "tperb");
+  // A stored term is at most 2047 bytes: every reader decodes into a buffer
+  // of 2048, and the previous term is kept in one.
+  if (length > MAX_TERM_LEN) return WS_E32BIT;
+  const auto len = static_cast<uint32_t>(length);
+  if (w->_cursor % w->tperb == 0) {
+    // Duplicates are dropped here, silently: the merge relies on it.
+    if (strlen(w->prev_term) == len && memcmp(w->prev_term, term, len) == 0) return 0;
+    return put_distinct(w, term, len, 0);
+  }
+  uint32_t p = 0;
+  while (p < len && w->prev_term[p] != '\0' && w->prev_term[p] == term[p]) ++p;
+  if (p == len) return 0;  // repeats the previous term
+  return put_distinct(w, term, len, p);
+}
+
+int _lex_writer_put_next(lex_writer* w, const char* term, uint32_t len, uint32_t lcp) noexcept {
+  ST_ASSERT_TEXT(w->tperb != 0, "tperb");
+  if (len > MAX_TERM_LEN) return WS_E32BIT;
+  ST_ASSERT(lcp < len && lcp <= w->prev_len);
+  return put_distinct(w, term, len, lcp);
 }
 
 int _lex_writer_close(int verbose, lex_writer* w, int fd, uint64_t offset,
@@ -549,7 +570,7 @@ int _reload_term(lex_merge_cxt* c) noexcept {
                    "block_size - cxt->_block_off == (unsigned)( block_size - cxt->_block_off )");
   }
   return _fclex_decode_term(c->block, c->_block_sz, &c->_block_off, j, tperb, c->_cur_term,
-                            &c->_cur_len);
+                            &c->_cur_len, &c->_cur_prefix);
 }
 
 uint32_t _increment_cursor(lex_merge_cxt* c) noexcept {
@@ -593,109 +614,150 @@ constexpr uint64_t EMPTY_SECTION_SZ = FCLEX_HEADER_SZ;
 
 bool exhausted(const lex_merge_cxt& c) noexcept { return c._cursor >= c._reader._bor._nterms; }
 
-// The first 8 bytes of a term as a big-endian number, zero past its end:
-// numbers compare as strcmp compares those bytes, so most comparisons of
-// the merge settle on one integer comparison.
-inline uint64_t term_key(const char* term, uint32_t len) noexcept {
-  const uint64_t k = load_be64(reinterpret_cast<const uint8_t*>(term));  // the buffer holds 2048 bytes
-  return len >= 8 ? k : len == 0 ? 0 : k & ~(~uint64_t{0} >> (8 * len));
+// The merge is a tournament (loser) tree over the cursors that keeps, with
+// every loser, the length of the prefix it shares with the term that beat
+// it. All terms in the tree are at or above the last term written, so two
+// of them that share prefixes of different lengths with it are ordered by
+// those lengths alone; only terms sharing equally much are compared, and
+// then from that position on. A source's next term shares with the term
+// just written the prefix its front coding names (or more), so the long
+// common prefixes of neighbouring terms ("source::/var/log/...") are never
+// compared again. Ties go to the lower source index, so a common term is
+// written from its first holder and the other holders add their bits to it.
+constexpr uint32_t NO_CURSOR = 0xFFFFFFFFu;  // an exhausted or missing cursor: above every term
+
+// True when cursor a's term sorts before cursor b's (equal terms by index);
+// both share at least their first h bytes. *lcp receives the length of the
+// prefix the two terms share.
+inline bool sorts_before(const lex_merge_cxt* cx, uint32_t a, uint32_t b, uint32_t h, uint32_t* lcp) noexcept {
+  const auto* x = reinterpret_cast<const uint8_t*>(cx[a]._cur_term);
+  const auto* y = reinterpret_cast<const uint8_t*>(cx[b]._cur_term);
+  const uint32_t la = cx[a]._cur_len;
+  const uint32_t lb = cx[b]._cur_len;
+  const uint32_t m = la < lb ? la : lb;
+  uint32_t i = h;
+  for (; i + 8 <= m; i += 8) {
+    const uint64_t wa = load_be64(x + i);
+    const uint64_t wb = load_be64(y + i);
+    if (wa != wb) {
+      *lcp = i + static_cast<uint32_t>(__builtin_clzll(wa ^ wb)) / 8;
+      return wa < wb;
+    }
+  }
+  while (i < m && x[i] == y[i]) ++i;
+  *lcp = i;
+  if (i < m) return x[i] < y[i];
+  if (la != lb) return la < lb;
+  return a < b;
 }
 
-// strcmp's sign for two terms with their keys.
-inline int term_cmp(uint64_t ka, const char* a, uint64_t kb, const char* b) noexcept {
-  if (ka != kb) return ka < kb ? -1 : 1;
-  if ((ka & 0xFF) == 0) return 0;  // both end within the key's bytes
-  return strcmp(a + 8, b + 8);
-}
-
-// Order of the live cursors: by current term, ties to the lower index, as
-// _find_smallest_term picks them. A binary heap of cursor numbers in that
-// order gives the same smallest cursor and the same drain bound (the
-// smallest term among the others) with O(log n) comparisons per drain
-// instead of a scan of every source.
-struct cursor_heap {
+struct loser_tree {
   lex_merge_cxt* cxts;
-  uint64_t keys[32];   // term_key of each cursor's current term
-  uint32_t items[32];
-  uint32_t n = 0;
+  uint32_t leaves;        // a power of two, at least the number of cursors
+  uint32_t loser[32];     // internal nodes 1 .. leaves-1
+  uint32_t lcp[32];       // prefix each loser shares with its node's winner
+  uint32_t winner;        // NO_CURSOR when every cursor is exhausted
+  uint32_t winner_lcp;    // prefix the winner shares with the last term written
 
-  bool below(uint32_t a, uint32_t b) const noexcept {
-    int c = term_cmp(keys[a], cxts[a]._cur_term, keys[b], cxts[b]._cur_term);
-    return c < 0 || (c == 0 && a < b);
-  }
-  void push(uint32_t v) noexcept {
-    keys[v] = term_key(cxts[v]._cur_term, cxts[v]._cur_len);
-    uint32_t i = n++;
-    while (i > 0) {
-      uint32_t parent = (i - 1) / 2;
-      if (!below(v, items[parent])) break;
-      items[i] = items[parent];
-      i = parent;
+  void build(uint32_t n) noexcept {
+    leaves = 1;
+    while (leaves < n) leaves *= 2;
+    uint32_t win[64];
+    for (uint32_t i = 0; i < leaves; ++i) win[leaves + i] = i < n && !exhausted(cxts[i]) ? i : NO_CURSOR;
+    for (uint32_t node = leaves - 1; node >= 1; --node) {
+      const uint32_t a = win[2 * node];
+      const uint32_t b = win[2 * node + 1];
+      uint32_t l = 0;
+      if (a == NO_CURSOR || b == NO_CURSOR) {
+        win[node] = a == NO_CURSOR ? b : a;
+        loser[node] = NO_CURSOR;
+      } else if (sorts_before(cxts, a, b, 0, &l)) {
+        win[node] = a;
+        loser[node] = b;
+      } else {
+        win[node] = b;
+        loser[node] = a;
+      }
+      lcp[node] = l;
     }
-    items[i] = v;
+    winner = win[1];
+    winner_lcp = 0;
   }
-  uint32_t pop() noexcept {
-    uint32_t top = items[0];
-    uint32_t v = items[--n];
-    uint32_t i = 0;
-    for (;;) {
-      uint32_t c = 2 * i + 1;
-      if (c >= n) break;
-      if (c + 1 < n && below(items[c + 1], items[c])) ++c;
-      if (!below(items[c], v)) break;
-      items[i] = items[c];
-      i = c;
+
+  // The winner's cursor moved on to a term sharing h bytes with the one it
+  // held (or ran out: cand NO_CURSOR); plays it up from its leaf.
+  void replay(uint32_t leaf, uint32_t cand, uint32_t h) noexcept {
+    for (uint32_t node = (leaves + leaf) / 2; node >= 1; node /= 2) {
+      const uint32_t v = loser[node];
+      if (v == NO_CURSOR) continue;
+      const uint32_t hv = lcp[node];
+      if (cand == NO_CURSOR || hv > h) {
+        loser[node] = cand;
+        lcp[node] = h;
+        cand = v;
+        h = hv;
+      } else if (hv == h) {
+        uint32_t l = 0;
+        if (sorts_before(cxts, v, cand, h, &l)) {
+          loser[node] = cand;
+          cand = v;
+        }
+        lcp[node] = l;
+      }
     }
-    if (n > 0) items[i] = v;
-    return top;
+    winner = cand;
+    winner_lcp = h;
   }
 };
 
 int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* which_srcs,
                wrc* w) noexcept {
-  cursor_heap heap{cxts, {}, {}, 0};
   for (uint32_t i = 0; i < n; ++i) {
-    if (exhausted(cxts[i])) continue;
-    ST_ASSERT_TEXT(cxts[i]._cur_term[0] != '\0', "cur_term[0] != '\\0'");
-    heap.push(i);
+    if (!exhausted(cxts[i])) ST_ASSERT_TEXT(cxts[i]._cur_term[0] != '\0', "cur_term[0] != '\\0'");
   }
-  while (heap.n > 0) {
-    const uint32_t s = heap.pop();
+  loser_tree tree{};
+  tree.cxts = cxts;
+  if (n == 0) return 0;
+  tree.build(n);
+  bool written = false;
+  while (tree.winner != NO_CURSOR) {
+    const uint32_t s = tree.winner;
     lex_merge_cxt* cxt = &cxts[s];
-    const uint32_t b = heap.n > 0 ? heap.items[0] : 0;
-    const char* bound = heap.n > 0 ? cxts[b]._cur_term : nullptr;
-    const uint64_t bound_key = heap.n > 0 ? heap.keys[b] : 0;
-    uint64_t key = heap.keys[s];
-    // Drain the smallest source up to (and including) the second-smallest
-    // term: equal terms are written once, and the repeat from the next
-    // source lands its bit on the same merged term.
-    while (!exhausted(*cxt) && (bound == nullptr || term_cmp(key, cxt->_cur_term, bound_key, bound) <= 0)) {
-      ST_ASSERT_TEXT(cxt->_cursor < cxt->_reader._bor._nterms,
-                     "cxt->_cursor < cxt->_reader._bor._nterms");
-      int rc = _lex_writer_put(writer, cxt->_cur_term, cxt->_cur_len);
+    ST_ASSERT_TEXT(cxt->_cursor < cxt->_reader._bor._nterms, "cxt->_cursor < cxt->_reader._bor._nterms");
+    // A term equal to the last one written (another source holds it too)
+    // only adds its source's bit.
+    const uint32_t len = cxt->_cur_len;
+    if (!written || tree.winner_lcp != writer->prev_len || len != writer->prev_len) {
+      int rc = _lex_writer_put_next(writer, cxt->_cur_term, len, tree.winner_lcp);
       if (rc != 0) return _set_rc(w, rc);
-      ST_ASSERT(writer->_cursor > 0);
-      _bmap_set(&which_srcs[writer->_cursor - 1], s);
-      // A term that cannot be decoded must stop the merge: carrying on with
-      // the stale term would give bitmaps that name the wrong sources.
-      uint32_t r = _increment_cursor(cxt);
-      if (r != 0 && r != 0xFFFFFFFFu)
-        return _set_rc_verbose(w, static_cast<int>(r), static_cast<int>(s),
-                               "_reload_term in st_fclex_merge_n");
-      if (exhausted(*cxt)) break;
-      // Terms of a source must strictly ascend (the writer's previous term
-      // is the one just consumed): a damaged source out of order would
-      // give an unsorted merged lexicon and bitmaps that renumber postings
-      // onto the wrong terms. (key is still the key of that term.)
-      const uint64_t next_key = term_key(cxt->_cur_term, cxt->_cur_len);
-      if (term_cmp(next_key, cxt->_cur_term, key, writer->prev_term) <= 0)
-        return _set_rc_verbose(w, WS_EDATA, static_cast<int>(s), "terms out of order in st_fclex_merge_n");
-      key = next_key;
+      written = true;
     }
-    if (!exhausted(*cxt)) {
-      ST_ASSERT_TEXT(cxt->_cur_term[0] != '\0', "cur_term[0] != '\\0'");
-      heap.push(s);
+    ST_ASSERT(writer->_cursor > 0);
+    _bmap_set(&which_srcs[writer->_cursor - 1], s);
+    // A term that cannot be decoded must stop the merge: carrying on with
+    // the stale term would give bitmaps that name the wrong sources.
+    uint32_t r = _increment_cursor(cxt);
+    if (r != 0 && r != 0xFFFFFFFFu)
+      return _set_rc_verbose(w, static_cast<int>(r), static_cast<int>(s), "_reload_term in st_fclex_merge_n");
+    if (exhausted(*cxt)) {
+      tree.replay(s, NO_CURSOR, 0);
+      continue;
     }
+    // The new term shares with the one just written (the writer's previous
+    // term) at least the prefix its front coding took from it. Terms of a
+    // source must strictly ascend: a damaged source out of order would give
+    // an unsorted merged lexicon and bitmaps that renumber postings onto the
+    // wrong terms.
+    const auto* cur = reinterpret_cast<const uint8_t*>(cxt->_cur_term);
+    const auto* prev = reinterpret_cast<const uint8_t*>(writer->prev_term);
+    const uint32_t cur_len = cxt->_cur_len;
+    const uint32_t prev_len = writer->prev_len;
+    const uint32_t m = cur_len < prev_len ? cur_len : prev_len;
+    uint32_t h = cxt->_cur_prefix < m ? cxt->_cur_prefix : m;
+    while (h < m && cur[h] == prev[h]) ++h;
+    if (h == cur_len || (h < prev_len && cur[h] < prev[h]))
+      return _set_rc_verbose(w, WS_EDATA, static_cast<int>(s), "terms out of order in st_fclex_merge_n");
+    tree.replay(s, s, h);
   }
   return 0;
 }

@@ -52,6 +52,7 @@ struct lex_writer {
   uint64_t _page_sz;            // page size, 8-byte free count included
   uint32_t _bo_idx;             // block end offsets recorded
   char prev_term[TERM_BUF_SZ];  // last term written
+  uint32_t prev_len;            // its length
   uint32_t expected_terms;
   uint32_t tperb;
   uint8_t* page;                // current page
@@ -65,6 +66,9 @@ int _lex_writer_open(int verbose, lex_writer* w, uint32_t tperb, uint64_t page_s
                      uint32_t expected_terms) noexcept;
 // 0, -2 or -36. A term equal to the previous one is dropped silently.
 int _lex_writer_put(lex_writer* w, const char* term, uint64_t length) noexcept;
+// _lex_writer_put of a term that ascends past the previous one, with which
+// it shares exactly its first lcp bytes (lcp < len): no comparison is made.
+int _lex_writer_put_next(lex_writer* w, const char* term, uint32_t len, uint32_t lcp) noexcept;
 // Writes the section at offset of fd; end_offset = offset just past it.
 // 0, -9 or -36. Always frees the writer's memory.
 int _lex_writer_close(int verbose, lex_writer* w, int fd, uint64_t offset,
@@ -118,6 +122,7 @@ struct lex_merge_cxt {
   uint64_t _block_off;        // decoding position in the block
   char _cur_term[TERM_BUF_SZ];
   uint32_t _cur_len;          // length of _cur_term
+  uint32_t _cur_prefix;       // leading bytes _cur_term took from the term before it
   uint64_t _block_sz;         // size of the current block (bounds decoding)
 };
 int _reload_term(lex_merge_cxt* c) noexcept;

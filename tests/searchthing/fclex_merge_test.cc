@@ -223,6 +223,47 @@ TEST(FclexMerge, DamagedSourceStopsTheMergeWithItsIndex) {
   }
 }
 
+// A source whose terms do not strictly ascend is refused, naming it, wherever
+// the disorder sits: first bytes, after a long shared prefix, a term that is
+// a prefix of the one before, a repeat (front coding that takes the whole
+// previous term), and a front-coded prefix shorter than the bytes really
+// shared.
+TEST(FclexMerge, SourceOutOfOrderIsRefused) {
+  // One block of tperb 2 holding "abc" twice: 03 "abc", then prefix 3 and no
+  // suffix.
+  const std::vector<uint8_t> repeat = {0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 6, 0, 0, 0, 5, 3, 'a', 'b', 'c', 3};
+  // "abc", then prefix 1 and suffix "bb" ("abb": shares 2 bytes, not 1).
+  const std::vector<uint8_t> short_prefix = {0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 6,  0,  0,
+                                             0, 7, 3, 'a', 'b', 'c', 1, 'b', 'b'};
+  struct row {
+    const char* name;
+    std::vector<source> sources;
+    std::vector<std::vector<uint8_t>> raw;
+    int32_t index;
+  };
+  const row rows[] = {
+      {"descending first byte", {{{"a", "c"}, 4}, {{"b", "a"}, 4}}, {}, 1},
+      {"after a shared prefix", {{{"source::/var/log/b", "source::/var/log/c"}, 2},
+                                 {{"source::/var/log/a", "source::/var/log/b", "source::/var/log/ab"}, 8}}, {}, 1},
+      {"high bytes", {{{"x\xc3\xa9", "x\x41"}, 3}}, {}, 0},
+      {"repeat", {{{"ab", "abd"}, 2}}, {repeat}, 1},
+      {"short front-coded prefix", {{{"abb", "abd"}, 2}}, {short_prefix}, 1},
+  };
+  for (const row& w : rows) {
+    SCOPED_TRACE(w.name);
+    merge_result r = run_merge(w.sources, 4, 0, w.raw);
+    EXPECT_EQ(r.rc, WS_EDATA);
+    EXPECT_EQ(r.w.source_index, w.index);
+    EXPECT_STREQ(r.w.message, "terms out of order in st_fclex_merge_n");
+  }
+  // A short front-coded prefix in order is fine: "abc" after "abb".
+  merge_result ok = run_merge({{{"abb", "abd"}, 2}}, 4, 0,
+                              {{0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 6, 0, 0, 0, 7, 3, 'a', 'b', 'b', 1, 'b', 'c'}});
+  ASSERT_EQ(ok.rc, 0);
+  EXPECT_EQ(ok.terms, (terms_t{"abb", "abc", "abd"}));
+  EXPECT_EQ(ok.bmaps, (std::vector<bmap_t>{3, 2, 1}));
+}
+
 TEST(FclexMerge, VerboseMergePrintsTheWriterLine) {
   TempDir dir;
   int fd = open(dir.file("src").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
