@@ -141,6 +141,10 @@ struct plw {
 int _plist_writer_open(plw* w, int fd, uint64_t offset) noexcept;
 int _plist_writer_start_term(plw* w) noexcept;
 int _plist_writer_put(plw* w, uint32_t value) noexcept;   // 0 or -9
+// _plist_writer_put of values[0..n) in turn, the same bytes and writes; stops
+// at the first failing put (-9). *done (if not null) is the number of puts
+// made, the failing one included.
+int _plist_writer_put_run(plw* w, const uint32_t* values, uint32_t n, uint32_t* done) noexcept;
 int _plist_writer_end_term(plw* w) noexcept;
 int _plist_writer_close(plw* w) noexcept;                 // 0 or -9
 
@@ -167,6 +171,10 @@ int _init_reader_helper(plist_reader* r, int fd, uint64_t table_offset, uint32_t
                         uint32_t plo_size, uint64_t postings_offset, uint64_t postings_size,
                         uint32_t bufcap, uint32_t* timing) noexcept;
 int _seek_reader(plist_reader* r, uint32_t term_id) noexcept;
+// _seek_reader for a walk over the terms in order: start is where the
+// previous term's list ended (the end the previous seek of this reader
+// found), 0 for term 0. Only term_id's own entry is read; same codes.
+int _seek_reader_after(plist_reader* r, uint32_t term_id, uint64_t start) noexcept;
 // 0, -8 or -12; value END_OF_LIST at the end of the list.
 int _next(plist_reader* r, uint32_t* value) noexcept;
 // Up to cap values at once: the first exactly as _next gives it (its code is

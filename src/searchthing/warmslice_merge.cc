@@ -151,6 +151,7 @@ struct posting_src {
   plist_reader reader;
   uint32_t head;         // target id of the current posting, UINT_MAX when none
   uint32_t term_cursor;  // next source term to read
+  uint64_t next_start;   // where that term's list starts: the end of the one before
   const uint32_t* slice; // this source's part of the id mapping
   const uint32_t* dense; // per block of ids: its first target id if dense, else NOT_DENSE
   uint32_t num_values;   // ids at or above this are corrupt
@@ -159,6 +160,11 @@ struct posting_src {
   uint32_t cnt;          // translated ids in ids
   int held_rc;           // fault met after ids[cnt - 1], reported when reached
   uint32_t ids[ID_BATCH];
+};
+
+struct order_entry {
+  uint32_t head;
+  uint32_t src;
 };
 
 // Next batch of the current list: head becomes its first target id, or
@@ -563,6 +569,7 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
     srcs[i].open = true;
     srcs[i].head = UINT_MAX;
     srcs[i].term_cursor = 0;
+    srcs[i].next_start = 0;
     srcs[i].slice = slice;
     srcs[i].num_values = hdr_num_values(sh);
     slice += srcs[i].num_values;
@@ -592,18 +599,22 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
   for (uint32_t t = 0; t < num_terms; ++t) {
     const bmap_t bm = which_srcs[t];
     ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bm), "src_sz <= _bmap_size_bits( &bm )");
-    uint32_t members[32];
-    uint32_t n_members = 0;
+    // The term's sources ordered by (head, source index): the first is the
+    // one to drain, up to the second's head. This is the order of smallest
+    // head first with ties to the earlier source.
+    order_entry order[32];
+    uint32_t n_order = 0;
     // Set bits in ascending order: the sources that hold the term.
     for (bmap_t rest = src_count >= 32 ? bm : bm & ((bmap_t{1} << src_count) - 1); rest != 0; rest &= rest - 1) {
       const uint32_t i = static_cast<uint32_t>(__builtin_ctz(rest));
       posting_src* s = &srcs[i];
-      if ((rc = _seek_reader(&s->reader, s->term_cursor)) != 0) {
+      if ((rc = _seek_reader_after(&s->reader, s->term_cursor, s->next_start)) != 0) {
         _set_rc_verbose(w, rc, static_cast<int>(i), "_seek_reader in _merge_all_postings");
         cleanup();
         return rc;
       }
       s->term_cursor++;
+      s->next_start += s->reader.left;
       bool beyond = false;
       if ((rc = fill(s, &beyond)) != 0) {
         _set_rc_verbose(w, rc, static_cast<int>(i),
@@ -617,45 +628,35 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
         cleanup();
         return WS_ENOTAVAIL;
       }
-      members[n_members++] = i;
+      // Sources come in ascending index order: an equal head stays behind.
+      uint32_t j = n_order++;
+      while (j > 0 && order[j - 1].head > s->head) {
+        order[j] = order[j - 1];
+        --j;
+      }
+      order[j] = {s->head, i};
     }
     // Source lists ascend strictly (the reader refuses anything else) and
     // the value merge hands out ids in the order it consumes each source,
     // so every source's heads ascend and the merged list never goes back.
     _plist_writer_start_term(writer);
-    for (;;) {
-      // Smallest head first; a later source replaces the best (or second)
-      // only when strictly smaller, so ties go to the earlier source.
-      posting_src* best = nullptr;
-      posting_src* second = nullptr;
-      for (uint32_t k = 0; k < n_members; ++k) {
-        posting_src* s = &srcs[members[k]];
-        if (s->head == UINT_MAX) continue;
-        if (best == nullptr) {
-          best = s;
-        } else if (s->head < best->head) {
-          second = best;
-          best = s;
-        } else if (second == nullptr || s->head < second->head) {
-          second = s;
-        }
-      }
-      if (best == nullptr) break;
-      const uint32_t bound = second == nullptr ? UINT_MAX : second->head;
+    uint32_t lo = 0;
+    while (lo < n_order) {
+      posting_src* best = &srcs[order[lo].src];
+      const uint32_t bound = lo + 1 < n_order ? order[lo + 1].head : UINT_MAX;
       for (;;) {
         // The batch's ids up to the bound go out without looking back at
         // the other sources (ids ascend, so the first one past it ends the
         // drain). With a single source left the bound is UINT_MAX, which no
         // id reaches.
-        uint32_t k = best->pos;
+        const uint32_t first = best->pos;
         const uint32_t cnt = best->cnt;
-        while (k < cnt && best->ids[k] <= bound) {
-          if ((rc = _plist_writer_put(writer, best->ids[k])) != 0) {
-            _set_rc(w, rc);
-            cleanup();
-            return rc;
-          }
-          ++k;
+        uint32_t k = first;
+        while (k < cnt && best->ids[k] <= bound) ++k;
+        if ((rc = _plist_writer_put_run(writer, best->ids + first, k - first, nullptr)) != 0) {
+          _set_rc(w, rc);
+          cleanup();
+          return rc;
         }
         if (k < cnt) {
           best->pos = k;
@@ -670,9 +671,21 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
         }
         if (best->head == UINT_MAX || best->head > bound) break;
       }
+      if (best->head == UINT_MAX) {
+        ++lo;
+        continue;
+      }
+      // Its new head lies past the second's: move it back to its place.
+      const order_entry moved{best->head, order[lo].src};
+      uint32_t j = lo;
+      while (j + 1 < n_order && (order[j + 1].head < moved.head ||
+                                 (order[j + 1].head == moved.head && order[j + 1].src < moved.src))) {
+        order[j] = order[j + 1];
+        ++j;
+      }
+      order[j] = moved;
     }
     _plist_writer_end_term(writer);
-    _set_rc(w, WS_SUCCESS);
     // Ids that the value merge made one appear once: the count is of
     // distinct ids.
     counts[t] = be32(writer->count_forterm);
@@ -685,6 +698,7 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
       return rc;
     }
   }
+  if (num_terms > 0) _set_rc(w, WS_SUCCESS);
   rc = _aw_close(&table);
   if (rc != 0) {
     _set_rc(w, rc);

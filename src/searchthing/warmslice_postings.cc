@@ -82,6 +82,54 @@ int _plist_writer_put(plw* w, uint32_t value) noexcept {
   return WS_SUCCESS;
 }
 
+int _plist_writer_put_run(plw* w, const uint32_t* values, uint32_t n, uint32_t* done) noexcept {
+  // _plist_writer_put for each value in turn, with the writer's fields held
+  // in locals; the buffer goes out at the same values as with single puts.
+  uint32_t bytes = w->bytes;
+  uint64_t total = w->total;
+  uint32_t count = w->count_forterm;
+  uint32_t run = w->run;
+  uint32_t last = w->last_value;
+  uint32_t i = 0;
+  int rc = WS_SUCCESS;
+  while (i < n) {
+    const uint32_t v = values[i++];
+    if (count > 0 && v == last + 1 && last != END_OF_LIST) {
+      run++;
+    } else {
+      if (count > 0 && v == last) continue;
+      if (run > 0) {
+        w->buf[bytes] = 0;
+        const uint32_t k = 1 + st_encode_to_vbe(w->buf + bytes + 1, run);
+        bytes += k;
+        total += k;
+        run = 0;
+      }
+      ST_ASSERT_TEXT(count == 0 || v > last, "plw->count_forterm == 0 || cur_value > plw->last_value");
+      const uint32_t k = st_encode_to_vbe(w->buf + bytes, v - last);
+      bytes += k;
+      total += k;
+    }
+    last = v;
+    count++;
+    if (bytes + PLW_MARGIN >= PLW_BUF_SZ + 1) {
+      if (!st_pwrite_full(w->fd, w->buf, bytes, w->offset)) {
+        rc = WS_EWRITE;  // buffer kept
+        break;
+      }
+      w->offset += bytes;
+      bytes = 0;
+    }
+  }
+  w->bytes = bytes;
+  w->total = total;
+  w->count_forterm = count;
+  w->run = run;
+  w->last_value = last;
+  if (done != nullptr) *done = i;
+  return rc;
+}
+
 int _plist_writer_end_term(plw* w) noexcept {
   // The run count itself is cleared by the next start of a term.
   if (w->run > 0) emit_run(w);
@@ -182,12 +230,10 @@ inline int plo_entry(plist_reader* r, uint32_t i, uint64_t* out) noexcept {
 
 }  // namespace
 
-int _seek_reader(plist_reader* r, uint32_t term_id) noexcept {
-  uint64_t start = 0;
-  uint64_t end = 0;
-  int rc;
-  if (term_id > 0 && (rc = plo_entry(r, term_id - 1, &start)) != 0) return rc;
-  if ((rc = plo_entry(r, term_id, &end)) != 0) return rc;
+namespace {
+
+// Positions the reader on the list [start, end) of the postings.
+int position(plist_reader* r, uint64_t start, uint64_t end) noexcept {
   // Offsets that go backwards or past the postings would send the reader
   // outside the list: the table is corrupt.
   if (end < start || end > r->postings_size) return WS_EDATA;
@@ -203,6 +249,35 @@ int _seek_reader(plist_reader* r, uint32_t term_id) noexcept {
   r->returned = 0;
   r->pending = 0;
   return WS_SUCCESS;
+}
+
+}  // namespace
+
+int _seek_reader(plist_reader* r, uint32_t term_id) noexcept {
+  uint64_t start = 0;
+  uint64_t end = 0;
+  int rc;
+  if (term_id > 0 && (rc = plo_entry(r, term_id - 1, &start)) != 0) return rc;
+  if ((rc = plo_entry(r, term_id, &end)) != 0) return rc;
+  return position(r, start, end);
+}
+
+int _seek_reader_after(plist_reader* r, uint32_t term_id, uint64_t start) noexcept {
+  // The entry before term_id was the last one read, so the table buffer
+  // still holds it: only the term's own entry is looked up, straight from
+  // the buffer when it is there.
+  const ar_reader& t = r->plo_reader;
+  uint64_t end = 0;
+  if (t.buffered > 0 && term_id >= t.first && term_id - t.first < t.buffered && term_id < t.count &&
+      (t._obj_sz == 8 || t._obj_sz == 4)) {
+    const uint8_t* e = t.buf + static_cast<uint64_t>(term_id - t.first) * t._obj_sz;
+    end = t._obj_sz == 8 ? load_be64(e) : load_be32(e);
+    r->plo_reader.cursor = term_id + 1;
+  } else {
+    int rc = plo_entry(r, term_id, &end);
+    if (rc != 0) return rc;
+  }
+  return position(r, start, end);
 }
 
 int _next(plist_reader* r, uint32_t* value) noexcept {
