@@ -44,12 +44,73 @@ inline void store_be64(uint8_t* p, uint64_t v) noexcept {
 inline uint32_t be32(uint32_t v) noexcept { return __builtin_bswap32(v); }
 
 // Writes value as VBE into dst (room for 5 bytes). Returns bytes written, 1..5.
-uint32_t st_encode_to_vbe(uint8_t* dst, uint32_t value) noexcept;
+// Unrolled on purpose: one branch per byte, no loop and no table; this and
+// the decoder run once per posting, so they live here to be inlined.
+inline uint32_t st_encode_to_vbe(uint8_t* dst, uint32_t v) noexcept {
+  if (v < (1u << 7)) {
+    dst[0] = static_cast<uint8_t>(v);
+    return 1;
+  }
+  if (v < (1u << 14)) {
+    dst[0] = static_cast<uint8_t>((v & 0x7F) | 0x80);
+    dst[1] = static_cast<uint8_t>(v >> 7);
+    return 2;
+  }
+  if (v < (1u << 21)) {
+    dst[0] = static_cast<uint8_t>((v & 0x7F) | 0x80);
+    dst[1] = static_cast<uint8_t>(((v >> 7) & 0x7F) | 0x80);
+    dst[2] = static_cast<uint8_t>(v >> 14);
+    return 3;
+  }
+  if (v < (1u << 28)) {
+    dst[0] = static_cast<uint8_t>((v & 0x7F) | 0x80);
+    dst[1] = static_cast<uint8_t>(((v >> 7) & 0x7F) | 0x80);
+    dst[2] = static_cast<uint8_t>(((v >> 14) & 0x7F) | 0x80);
+    dst[3] = static_cast<uint8_t>(v >> 21);
+    return 4;
+  }
+  dst[0] = static_cast<uint8_t>((v & 0x7F) | 0x80);
+  dst[1] = static_cast<uint8_t>(((v >> 7) & 0x7F) | 0x80);
+  dst[2] = static_cast<uint8_t>(((v >> 14) & 0x7F) | 0x80);
+  dst[3] = static_cast<uint8_t>(((v >> 21) & 0x7F) | 0x80);
+  dst[4] = static_cast<uint8_t>(v >> 28);
+  return 5;
+}
 
 // Decodes a VBE number from src, reading at most 5 bytes. Returns the bytes
 // consumed (1..5) or 0xFFFFFFFF when the fifth byte has its high bit set.
 // The caller makes sure five bytes are readable or the code ends earlier.
-uint32_t st_decode_from_vbe(uint32_t* value, const uint8_t* src) noexcept;
+inline uint32_t st_decode_from_vbe(uint32_t* value, const uint8_t* s) noexcept {
+  uint32_t v = s[0] & 0x7Fu;
+  if ((s[0] & 0x80) == 0) {
+    *value = v;
+    return 1;
+  }
+  v |= static_cast<uint32_t>(s[1] & 0x7F) << 7;
+  if ((s[1] & 0x80) == 0) {
+    *value = v;
+    return 2;
+  }
+  v |= static_cast<uint32_t>(s[2] & 0x7F) << 14;
+  if ((s[2] & 0x80) == 0) {
+    *value = v;
+    return 3;
+  }
+  v |= static_cast<uint32_t>(s[3] & 0x7F) << 21;
+  if ((s[3] & 0x80) == 0) {
+    *value = v;
+    return 4;
+  }
+  // The fifth byte ends the number whatever it holds; bits past 31 are
+  // dropped without complaint, a set high bit makes the code invalid.
+  if (s[4] & 0x80) {
+    *value = v;
+    return 0xFFFFFFFFu;
+  }
+  v |= static_cast<uint32_t>(s[4]) << 28;
+  *value = v;
+  return 5;
+}
 
 // Bounded form for untrusted data: decodes from [p, limit). Returns bytes
 // consumed (1..5), or 0 when the code is invalid or runs past limit.
