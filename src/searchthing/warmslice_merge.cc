@@ -159,6 +159,7 @@ struct posting_src {
   uint32_t pos;          // ids[pos] is head
   uint32_t cnt;          // translated ids in ids
   int held_rc;           // fault met after ids[cnt - 1], reported when reached
+  bool ended;            // ids[cnt - 1] is the list's last posting
   uint32_t ids[ID_BATCH];
 };
 
@@ -178,6 +179,7 @@ int fill(posting_src* s, bool* beyond) noexcept {
   s->pos = 0;
   s->cnt = 0;
   s->held_rc = WS_SUCCESS;
+  s->ended = false;
   uint32_t n = 0;
   int rc = _next_batch(&s->reader, s->ids, ID_BATCH, &n);
   if (rc != 0) return rc;
@@ -185,22 +187,30 @@ int fill(posting_src* s, bool* beyond) noexcept {
     s->head = UINT_MAX;
     return WS_SUCCESS;
   }
+  // Ids are translated up to the first one past the source's values.
+  const uint32_t* slice = s->slice;
+  const uint32_t num_values = s->num_values;
+  uint32_t* ids = s->ids;
   uint32_t good = 0;
-  while (good < n && s->ids[good] < s->num_values) ++good;
+  if (const uint32_t* dense = s->dense) {
+    for (; good < n; ++good) {
+      const uint32_t id = ids[good];
+      if (id >= num_values) break;
+      const uint32_t base = dense[id >> DENSE_SHIFT];
+      ids[good] = base != NOT_DENSE ? base + (id & (DENSE_BLOCK - 1)) : slice[id];
+    }
+  } else {
+    for (; good < n && ids[good] < num_values; ++good) ids[good] = slice[ids[good]];
+  }
   if (good == 0) {
     *beyond = true;
     return WS_EDATA;
   }
-  if (good < n) s->held_rc = WS_EDATA;
-  const uint32_t* slice = s->slice;
-  if (const uint32_t* dense = s->dense) {
-    for (uint32_t k = 0; k < good; ++k) {
-      const uint32_t id = s->ids[k];
-      const uint32_t base = dense[id >> DENSE_SHIFT];
-      s->ids[k] = base != NOT_DENSE ? base + (id & (DENSE_BLOCK - 1)) : slice[id];
-    }
+  if (good < n) {
+    s->held_rc = WS_EDATA;
   } else {
-    for (uint32_t k = 0; k < good; ++k) s->ids[k] = slice[s->ids[k]];
+    // Nothing left to decode: the next _next would only give the end.
+    s->ended = s->reader.left == 0 && s->reader.pending == 0;
   }
   s->cnt = good;
   s->head = s->ids[0];
@@ -217,6 +227,10 @@ inline int advance(posting_src* s) noexcept {
     int rc = s->held_rc;
     s->held_rc = WS_SUCCESS;
     return rc;
+  }
+  if (s->ended) {
+    s->head = UINT_MAX;
+    return WS_SUCCESS;
   }
   bool beyond;
   return fill(s, &beyond);
@@ -690,6 +704,13 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
     // distinct ids.
     counts[t] = be32(writer->count_forterm);
     total += writer->count_forterm;
+    // Straight into the table's buffer while it has room; _aw_write writes
+    // it out when the next entry arrives to a full buffer.
+    if (table.count < table.capacity) {
+      store_be64(table.buf + 8 * uint64_t{table.count}, writer->total);
+      table.count++;
+      continue;
+    }
     uint8_t entry[8];
     store_be64(entry, writer->total);
     if ((rc = _aw_write(&table, entry, 8)) != 0) {
