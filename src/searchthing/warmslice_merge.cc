@@ -17,6 +17,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <system_error>
+#include <thread>
 
 #include "searchthing/check.h"
 #include "searchthing/codes.h"
@@ -468,81 +470,123 @@ int _merge_array(const int* src_fds, const warm_header* src_hdrs, uint32_t src_c
   return WS_SUCCESS;
 }
 
-int _merge_lexicon(int verbose, const int* src_fds, const warm_header* src_hdrs, uint32_t src_count,
-                   uint32_t lex_tpb, uint64_t page_size, int tgt_fd, warm_header* tgt_hdr, bmap_t** which_srcs_o,
-                   uint64_t* postings_start, uint64_t* tgt_postings_start, wrc* w) noexcept {
-  *which_srcs_o = nullptr;
-  const bmap_t bm_probe = 0;
-  ST_ASSERT_TEXT(src_count <= _bmap_size_bits(bm_probe), "src_sz <= _bmap_size_bits( *which_srcs_o )");
-  // A source without terms has no lexicon to read (its section cannot hold
-  // zero terms); it takes no part and gets no bit.
-  int fds[32];
-  uint64_t offsets[32];
-  uint64_t ends[32];
-  uint32_t index_of[32];
-  uint32_t active = 0;
-  for (uint32_t i = 0; i < src_count; ++i) {
-    postings_start[i] = _offset_fclex(&src_hdrs[i]);
-    if (hdr_num_terms(&src_hdrs[i]) == 0) continue;
-    fds[active] = src_fds[i];
-    offsets[active] = _offset_fclex(&src_hdrs[i]);
-    index_of[active] = i;
-    active++;
-  }
+namespace {
+
+// A lexicon merge split in two: the merge proper, which reads only the
+// sources and may run beside the value and column merges, and the rest,
+// which writes the merged section at its place in the target (known once
+// the columns are sized).
+struct lexicon_merge {
+  // inputs
+  int verbose = 0;
+  const int* src_fds = nullptr;
+  const warm_header* src_hdrs = nullptr;
+  uint32_t src_count = 0;
+  uint32_t lex_tpb = 0;
+  uint64_t page_size = 0;
+  // results of run()
+  wrc w{};
+  int rc = 0;
+  uint32_t active = 0;        // sources that take part (hold terms)
+  uint32_t index_of[32] = {};
   uint32_t num_terms = 0;
   bmap_t* which = nullptr;
   lex_writer writer{};
-  if (active > 0) {
-    int rc = st_fclex_merge_n(verbose, fds, offsets, active, lex_tpb, page_size, &writer, &num_terms, &which, ends, w);
-    if (rc != 0 || w->warm_rc != 0) {
-      // Codes recorded by the lexicon merge name the index among the
-      // sources that took part; give them the caller's numbering.
-      if (w->source_index >= 0 && static_cast<uint32_t>(w->source_index) < active) {
-        w->source_index = static_cast<int32_t>(index_of[w->source_index]);
-      }
-      _lex_writer_discard(&writer);
-      _bmap_free(which);
-      return w->warm_rc != 0 ? w->warm_rc : rc;
-    }
-  }
-  if (num_terms == 0) {
-    if (active > 0) _lex_writer_discard(&writer);
-    _bmap_free(which);
-    return _set_rc(w, WS_ENOTAVAIL);
-  }
-  if (active != src_count) {
-    // Bits name positions among the sources that took part.
-    for (uint32_t t = 0; t < num_terms; ++t) {
-      bmap_t in = which[t];
-      bmap_t out = 0;
-      for (uint32_t k = 0; k < active; ++k) {
-        if (in & (bmap_t{1} << k)) out |= bmap_t{1} << index_of[k];
-      }
-      which[t] = out;
-    }
-  }
-  for (uint32_t k = 0; k < active; ++k) postings_start[index_of[k]] = ends[k];
+  bool writer_open = false;
+  uint64_t ends[32] = {};
 
-  hdr_set(tgt_hdr, HDR_NUM_TERMS, num_terms);
-  int rc = _lex_writer_close(verbose, &writer, tgt_fd, _offset_fclex(tgt_hdr), tgt_postings_start);
-  if (rc != 0) {
+  ~lexicon_merge() {
+    if (writer_open) _lex_writer_discard(&writer);
     _bmap_free(which);
-    return _set_rc(w, rc);
   }
-  // Versions 3 to 5: the postings follow a second, reverse lexicon.
-  for (uint32_t k = 0; k < active; ++k) {
-    const uint32_t i = index_of[k];
-    if (!_has_reverse_lex(&src_hdrs[i])) continue;
-    const uint64_t off = (postings_start[i] + 3) & ~uint64_t{3};
-    const uint64_t size = st_fclex_size_fd(src_fds[i], off);
-    if (size == 0) {
-      _bmap_free(which);
-      return _set_rc_verbose(w, WS_ELEX, static_cast<int>(i), "st_fclex_size_fd for reverse lex");
+
+  // The merge proper; its code is left in rc and w.
+  void run() noexcept {
+    const bmap_t bm_probe = 0;
+    ST_ASSERT_TEXT(src_count <= _bmap_size_bits(bm_probe), "src_sz <= _bmap_size_bits( *which_srcs_o )");
+    _set_rc(&w, WS_SUCCESS);
+    // A source without terms has no lexicon to read (its section cannot
+    // hold zero terms); it takes no part and gets no bit.
+    int fds[32];
+    uint64_t offsets[32];
+    for (uint32_t i = 0; i < src_count; ++i) {
+      if (hdr_num_terms(&src_hdrs[i]) == 0) continue;
+      fds[active] = src_fds[i];
+      offsets[active] = _offset_fclex(&src_hdrs[i]);
+      index_of[active] = i;
+      active++;
     }
-    postings_start[i] = off + size;
+    if (active > 0) {
+      rc = st_fclex_merge_n(verbose, fds, offsets, active, lex_tpb, page_size, &writer, &num_terms, &which, ends, &w);
+      writer_open = true;
+      if (rc != 0 || w.warm_rc != 0) {
+        // Codes recorded by the lexicon merge name the index among the
+        // sources that took part; give them the caller's numbering.
+        if (w.source_index >= 0 && static_cast<uint32_t>(w.source_index) < active) {
+          w.source_index = static_cast<int32_t>(index_of[w.source_index]);
+        }
+        rc = w.warm_rc != 0 ? w.warm_rc : rc;
+        return;
+      }
+    }
+    if (num_terms == 0) rc = _set_rc(&w, WS_ENOTAVAIL);
   }
-  *which_srcs_o = which;
-  return WS_SUCCESS;
+
+  // Writes the merged section into the target and hands over the bitmaps.
+  int finish(int tgt_fd, warm_header* tgt_hdr, bmap_t** which_srcs_o, uint64_t* postings_start,
+             uint64_t* tgt_postings_start, wrc* out) noexcept {
+    *which_srcs_o = nullptr;
+    for (uint32_t i = 0; i < src_count; ++i) postings_start[i] = _offset_fclex(&src_hdrs[i]);
+    if (rc != 0) {
+      *out = w;
+      return rc;
+    }
+    if (active != src_count) {
+      // Bits name positions among the sources that took part.
+      for (uint32_t t = 0; t < num_terms; ++t) {
+        bmap_t in = which[t];
+        bmap_t mapped = 0;
+        for (uint32_t k = 0; k < active; ++k) {
+          if (in & (bmap_t{1} << k)) mapped |= bmap_t{1} << index_of[k];
+        }
+        which[t] = mapped;
+      }
+    }
+    for (uint32_t k = 0; k < active; ++k) postings_start[index_of[k]] = ends[k];
+
+    hdr_set(tgt_hdr, HDR_NUM_TERMS, num_terms);
+    writer_open = false;
+    int wrc_rc = _lex_writer_close(verbose, &writer, tgt_fd, _offset_fclex(tgt_hdr), tgt_postings_start);
+    if (wrc_rc != 0) return _set_rc(out, wrc_rc);
+    // Versions 3 to 5: the postings follow a second, reverse lexicon.
+    for (uint32_t k = 0; k < active; ++k) {
+      const uint32_t i = index_of[k];
+      if (!_has_reverse_lex(&src_hdrs[i])) continue;
+      const uint64_t off = (postings_start[i] + 3) & ~uint64_t{3};
+      const uint64_t size = st_fclex_size_fd(src_fds[i], off);
+      if (size == 0) return _set_rc_verbose(out, WS_ELEX, static_cast<int>(i), "st_fclex_size_fd for reverse lex");
+      postings_start[i] = off + size;
+    }
+    *which_srcs_o = which;
+    which = nullptr;
+    return WS_SUCCESS;
+  }
+};
+
+}  // namespace
+
+int _merge_lexicon(int verbose, const int* src_fds, const warm_header* src_hdrs, uint32_t src_count,
+                   uint32_t lex_tpb, uint64_t page_size, int tgt_fd, warm_header* tgt_hdr, bmap_t** which_srcs_o,
+                   uint64_t* postings_start, uint64_t* tgt_postings_start, wrc* w) noexcept {
+  lexicon_merge lm;
+  lm.verbose = verbose;
+  lm.src_fds = src_fds;
+  lm.src_hdrs = src_hdrs;
+  lm.src_count = src_count;
+  lm.lex_tpb = lex_tpb;
+  lm.page_size = page_size;
+  lm.run();
+  return lm.finish(tgt_fd, tgt_hdr, which_srcs_o, postings_start, tgt_postings_start, w);
 }
 
 int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
@@ -815,18 +859,51 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
       return _set_rc_verbose(w, WS_EMAGIC, static_cast<int>(i), "lexicon-only file as merge source");
   }
 
+  // The lexicon merge reads nothing the value and column merges write, so
+  // it runs on a thread of its own beside them; only its section's place
+  // in the target waits for the columns. With verbose the phases keep their
+  // order, and so do the lines they print.
+  lexicon_merge lm;
+  lm.verbose = verbose;
+  lm.src_fds = src_fds;
+  lm.src_hdrs = src_hdrs.get();
+  lm.src_count = src_count;
+  lm.lex_tpb = lex_tpb;
+  lm.page_size = page_size;
+  std::thread lexicon_thread;
+  if (!verbose) {
+    const int caller_errno = errno;  // what the merge would find in errno had it run here
+    try {
+      lexicon_thread = std::thread([&lm, caller_errno] {
+        errno = caller_errno;
+        lm.run();
+      });
+    } catch (const std::system_error&) {
+      // No thread: the merge runs here, after the columns.
+    }
+  }
+  struct join_on_exit {
+    std::thread& t;
+    ~join_on_exit() {
+      if (t.joinable()) t.join();
+    }
+  } joiner{lexicon_thread};
+  const bool lexicon_beside = lexicon_thread.joinable();
+
   c_ptr<uint32_t> mapping(_merge_values(src_fds, src_hdrs.get(), src_count, tgt_fd, &tgt_hdr, w, tstats));
   if (!mapping) return w->warm_rc;
 
   if (_merge_array(src_fds, src_hdrs.get(), src_count, mapping.get(), tgt_fd, &tgt_hdr, w) != 0) return w->warm_rc;
 
+  if (lexicon_beside) {
+    lexicon_thread.join();
+  } else {
+    lm.run();
+  }
   uint64_t postings_start[32] = {};
   uint64_t tgt_postings_start = 0;
   bmap_t* which_raw = nullptr;
-  if (_merge_lexicon(verbose, src_fds, src_hdrs.get(), src_count, lex_tpb, page_size, tgt_fd, &tgt_hdr, &which_raw,
-                     postings_start, &tgt_postings_start, w) != 0) {
-    return w->warm_rc;
-  }
+  if (lm.finish(tgt_fd, &tgt_hdr, &which_raw, postings_start, &tgt_postings_start, w) != 0) return w->warm_rc;
   std::unique_ptr<bmap_t, void (*)(bmap_t*) noexcept> which_srcs(which_raw, _bmap_free);
   const uint32_t num_terms = hdr_num_terms(&tgt_hdr);
 
