@@ -710,8 +710,11 @@ struct loser_tree {
   }
 };
 
-int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* which_srcs,
-               wrc* w) noexcept {
+// Terms between two reports of progress to a follower.
+constexpr uint32_t PROGRESS_STEP = 1024;
+
+int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* which_srcs, wrc* w,
+               lex_merge_progress* progress) noexcept {
   for (uint32_t i = 0; i < n; ++i) {
     if (!exhausted(cxts[i])) ST_ASSERT_TEXT(cxts[i]._cur_term[0] != '\0', "cur_term[0] != '\\0'");
   }
@@ -731,6 +734,10 @@ int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* whic
       int rc = _lex_writer_put_next(writer, cxt->_cur_term, len, tree.winner_lcp);
       if (rc != 0) return _set_rc(w, rc);
       written = true;
+      if (progress != nullptr && writer->_cursor % PROGRESS_STEP == 1) {
+        if (progress->give_up.load(std::memory_order_relaxed)) return _set_rc(w, WS_ENOTAVAIL);
+        progress->publish(writer->_cursor - 1, false);
+      }
     }
     ST_ASSERT(writer->_cursor > 0);
     _bmap_set(&which_srcs[writer->_cursor - 1], s);
@@ -764,9 +771,32 @@ int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* whic
 
 }  // namespace
 
+void lex_merge_progress::publish(uint32_t final_terms, bool ended) noexcept {
+  state.store(final_terms | (ended ? uint64_t{1} << 32 : 0), std::memory_order_release);
+  state.notify_all();
+}
+
+bool lex_merge_progress::wait_for(uint32_t t) noexcept {
+  uint64_t s = state.load(std::memory_order_acquire);
+  while (static_cast<uint32_t>(s) <= t) {
+    if ((s >> 32) != 0) return false;
+    state.wait(s, std::memory_order_acquire);
+    s = state.load(std::memory_order_acquire);
+  }
+  return true;
+}
+
 int st_fclex_merge_n(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz,
                      uint32_t tperb, uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms,
                      bmap_t** which_srcs_o, uint64_t* src_end_offsets, wrc* w) noexcept {
+  return _fclex_merge_n_followed(verbose, fds, offsets, src_sz, tperb, page_sz, writer, merged_terms, which_srcs_o,
+                                 src_end_offsets, w, nullptr);
+}
+
+int _fclex_merge_n_followed(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz,
+                            uint32_t tperb, uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms,
+                            bmap_t** which_srcs_o, uint64_t* src_end_offsets, wrc* w,
+                            lex_merge_progress* progress) noexcept {
   ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bmap_t{}),
                  "src_sz <= _bmap_size_bits( *which_srcs_o )");
   _set_rc(w, 0);
@@ -805,12 +835,13 @@ int st_fclex_merge_n(int verbose, const int* fds, const uint64_t* offsets, uint3
 
   *which_srcs_o = static_cast<bmap_t*>(calloc(total == 0 ? 1 : total, sizeof(bmap_t)));
   if (*which_srcs_o == nullptr) return _set_rc(w, WS_ENOMEM);
+  if (progress != nullptr) progress->which.store(*which_srcs_o, std::memory_order_release);
 
   if (total > 0 || src_sz == 0) {
     // Zero sources cannot open a writer (it asserts on zero expected terms).
     int rc = _lex_writer_open(verbose, writer, tperb, page_sz, static_cast<uint32_t>(total));
     if (rc != 0) return _set_rc(w, rc);
-    rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w);
+    rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, progress);
     if (rc != 0) return rc;
   }
 

@@ -844,6 +844,109 @@ int _merge_metadata(const int* src_fds, const warm_header* src_hdrs, uint32_t sr
   return rc;
 }
 
+namespace {
+
+// The term metadata of an index-file merge in two halves: the sources'
+// times, gathered beside the posting merge (they need only the bitmaps),
+// and the records, written once the posting counts exist. The records and
+// the point where a failed read stops them are those of _merge_metadata.
+struct metadata_times {
+  static constexpr uint32_t MAX_GATHERED_TERMS = 4u << 20;  // 32 MiB of times
+  const int* src_fds = nullptr;
+  const warm_header* src_hdrs = nullptr;
+  uint32_t src_count = 0;
+  const bmap_t* which = nullptr;
+  uint32_t num_terms = 0;
+  c_ptr<int32_t> times;  // earliest and latest of each term
+  uint32_t done = 0;     // terms gathered before a failure (all when none)
+  wrc w{};
+  int rc = 0;
+
+  void gather() noexcept {
+    _set_rc(&w, WS_SUCCESS);
+    c_ptr<ar_reader> readers_owner = c_alloc<ar_reader>(src_count, true);
+    if (!readers_owner) {
+      _set_rc(&w, WS_ENOMEM);  // recorded only, as _merge_metadata does
+      return;
+    }
+    ar_reader* readers = readers_owner.get();
+    struct close_readers {
+      ar_reader* r;
+      uint32_t n;
+      ~close_readers() {
+        for (uint32_t i = 0; i < n; ++i) _ar_close(&r[i]);
+      }
+    } closer{readers, src_count};
+    for (uint32_t si = 0; si < src_count; ++si) {
+      ST_ASSERT_TEXT((_has_full_metadata(&src_hdrs[si]) ? TERM_METADATA_SZ : SHORT_METADATA_SZ) == TERM_METADATA_SZ,
+                     "(_has_full_metadata(&src_hdrs[si]) ? sizeof( struct st_term_metadata ) : sizeof( unsigned )) "
+                     "== sizeof( struct st_term_metadata )");
+      rc = _ar_open(&readers[si], src_fds[si], _offset_metadata(&src_hdrs[si]), TERM_METADATA_SZ,
+                    hdr_num_terms(&src_hdrs[si]), 341, nullptr);
+      if (rc != 0) {
+        _set_rc_verbose(&w, rc, static_cast<int>(si), "_ar_open");
+        return;
+      }
+    }
+    int32_t* out = times.get();
+    for (uint32_t t = 0; t < num_terms; ++t, done = t) {
+      const bmap_t bm = which[t];
+      int32_t earliest = INT_MAX;
+      int32_t latest = INT_MIN;
+      bool first = true;
+      for (bmap_t rest = src_count >= 32 ? bm : bm & ((bmap_t{1} << src_count) - 1); rest != 0; rest &= rest - 1) {
+        const uint32_t i = static_cast<uint32_t>(__builtin_ctz(rest));
+        const uint8_t* rec = _ar_get(&readers[i], TERM_METADATA_SZ, &w);
+        if (rec == nullptr) {
+          rc = _set_rc_verbose(&w, w.warm_rc, static_cast<int>(i), "_ar_get for metadata");
+          return;
+        }
+        const int32_t e = static_cast<int32_t>(load_be32(rec + 4));
+        const int32_t l = static_cast<int32_t>(load_be32(rec + 8));
+        if (first || e < earliest) earliest = e;
+        if (first || l > latest) latest = l;
+        first = false;
+      }
+      out[2 * t] = earliest;
+      out[2 * t + 1] = latest;
+    }
+  }
+
+  // Writes the records of the gathered terms; the gathering's failure, if
+  // any, after them.
+  int write(const uint32_t* counts, int tgt_fd, const warm_header* tgt_hdr, wrc* out_w) noexcept {
+    if (rc == 0 && w.warm_rc == WS_ENOMEM) {
+      *out_w = w;
+      return WS_SUCCESS;
+    }
+    aw out{};
+    int wrc_rc = _aw_open(&out, tgt_fd, _offset_metadata(tgt_hdr), TERM_METADATA_SZ, 341);
+    if (wrc_rc != 0) return _set_rc(out_w, wrc_rc);
+    const int32_t* tm = times.get();
+    for (uint32_t t = 0; t < done; ++t) {
+      uint8_t entry[TERM_METADATA_SZ];
+      store_be32(entry, be32(counts[t]));
+      store_be32(entry + 4, static_cast<uint32_t>(tm[2 * t]));
+      store_be32(entry + 8, static_cast<uint32_t>(tm[2 * t + 1]));
+      if ((wrc_rc = _aw_write(&out, entry, TERM_METADATA_SZ)) != 0) {
+        _set_rc(out_w, wrc_rc);
+        _aw_close(&out);
+        return wrc_rc;
+      }
+    }
+    if (rc != 0) {
+      _aw_close(&out);
+      *out_w = w;
+      return rc;
+    }
+    wrc_rc = _aw_close(&out);
+    if (wrc_rc != 0) _set_rc(out_w, wrc_rc);
+    return wrc_rc;
+  }
+};
+
+}  // namespace
+
 int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t src_count, uint32_t lex_tpb,
                           uint64_t page_size, wrc* w, int tstats) noexcept {
   _set_rc(w, WS_SUCCESS);
@@ -910,12 +1013,48 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
   c_ptr<uint32_t> counts = c_alloc<uint32_t>(num_terms, false);
   if (!counts) return _set_rc(w, WS_ENOMEM);
 
+  // The sources' times for the term metadata need only the bitmaps: they
+  // are gathered on the second thread while the postings are merged here.
+  metadata_times mt;
+  mt.src_fds = src_fds;
+  mt.src_hdrs = src_hdrs.get();
+  mt.src_count = src_count;
+  mt.which = which_srcs.get();
+  mt.num_terms = num_terms;
+  std::thread times_thread;
+  if (lexicon_beside && _has_full_metadata(&tgt_hdr) && num_terms <= metadata_times::MAX_GATHERED_TERMS) {
+    mt.times = c_alloc<int32_t>(2 * uint64_t{num_terms}, false);
+    if (mt.times) {
+      const int caller_errno = errno;
+      try {
+        times_thread = std::thread([&mt, caller_errno] {
+          errno = caller_errno;
+          mt.gather();
+        });
+      } catch (const std::system_error&) {
+        mt.times.reset();
+      }
+    }
+  }
+  struct join_times {
+    std::thread& t;
+    ~join_times() {
+      if (t.joinable()) t.join();
+    }
+  } times_joiner{times_thread};
+
   if (_merge_all_postings_n(src_fds, src_hdrs.get(), postings_start, src_count, mapping.get(), which_srcs.get(),
                             counts.get(), num_terms, tgt_fd, tgt_postings_start, &tgt_hdr, w) != 0) {
     return w->warm_rc;
   }
   mapping.reset();
-  int rc = _merge_metadata(src_fds, src_hdrs.get(), src_count, which_srcs.get(), counts.get(), tgt_fd, &tgt_hdr, w);
+  int rc = 0;
+  if (times_thread.joinable()) {
+    times_thread.join();
+    rc = mt.write(counts.get(), tgt_fd, &tgt_hdr, w);
+  } else {
+    rc = _merge_metadata(src_fds, src_hdrs.get(), src_count, which_srcs.get(), counts.get(), tgt_fd, &tgt_hdr, w);
+  }
   if (rc != 0 || w->warm_rc != 0) return w->warm_rc != 0 ? w->warm_rc : rc;
   which_srcs.reset();
 

@@ -431,13 +431,14 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
     uint64_t cut;
     int rc;
     int index;
+    const char* message;  // of the first phase to fail: a cut loses every later section too
   };
   const Case cases[] = {
-      {"inside the values", l.values + 100, WS_EREAD, -1},
-      {"inside the columns", l.columns + 20, WS_EREAD, 1},
-      {"inside the offset table", l.pl_offs + 16, WS_EREAD, 1},
-      {"inside the metadata", l.metadata + 30, WS_EREAD, 1},
-      {"inside the postings", l.postings + 40, WS_EREAD, -1},
+      {"inside the values", l.values + 100, WS_EREAD, -1, ""},
+      {"inside the columns", l.columns + 20, WS_EREAD, 1, "pread for _merge_arrays"},
+      {"inside the offset table", l.pl_offs + 16, WS_EREAD, 1, "_lex_reader_open in st_fclex_merge_n"},
+      {"inside the metadata", l.metadata + 30, WS_EREAD, 1, "_lex_reader_open in st_fclex_merge_n"},
+      {"inside the postings", l.postings + 40, WS_EREAD, -1, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -445,6 +446,7 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
     EXPECT_EQ(r.rc, c.rc) << r.w.message;
     EXPECT_EQ(r.w.warm_rc, c.rc);
     EXPECT_EQ(r.w.source_index, c.index) << r.w.message;
+    EXPECT_STREQ(r.w.message, c.message);
     if (r.target.size() >= 64) {
       EXPECT_EQ(bytes(r.target.begin(), r.target.begin() + 64), bytes(64, 0));
     }
