@@ -129,8 +129,17 @@ int _fclex_decode_term(const uint8_t* block, uint64_t block_sz, uint64_t* off, u
   if (suffix > block_sz - pos) return WS_EDATA;
   uint64_t total = prefix + suffix;
   if (total == 0 || total > MAX_TERM_LEN) return WS_EDATA;
-  if (memchr(block + pos, '\0', suffix) != nullptr) return WS_EDATA;
-  memcpy(term + prefix, block + pos, suffix);
+  if (suffix <= 16) {
+    // Most suffixes are a few bytes: checked while copied.
+    for (uint64_t k = 0; k < suffix; ++k) {
+      const uint8_t c = block[pos + k];
+      if (c == 0) return WS_EDATA;
+      term[prefix + k] = static_cast<char>(c);
+    }
+  } else {
+    if (memchr(block + pos, '\0', suffix) != nullptr) return WS_EDATA;
+    memcpy(term + prefix, block + pos, suffix);
+  }
   term[total] = '\0';
   *len = static_cast<uint32_t>(total);
   *off = pos + suffix;

@@ -635,18 +635,25 @@ inline bool sorts_before(const lex_merge_cxt* cx, uint32_t a, uint32_t b, uint32
   const uint32_t la = cx[a]._cur_len;
   const uint32_t lb = cx[b]._cur_len;
   const uint32_t m = la < lb ? la : lb;
-  uint32_t i = h;
-  for (; i + 8 <= m; i += 8) {
-    const uint64_t wa = load_be64(x + i);
-    const uint64_t wb = load_be64(y + i);
-    if (wa != wb) {
-      *lcp = i + static_cast<uint32_t>(__builtin_clzll(wa ^ wb)) / 8;
-      return wa < wb;
+  // Eight bytes at a time, the last word masked to the shorter term (the
+  // buffers hold TERM_BUF_SZ bytes, so only a word that would run past them
+  // is compared bytewise).
+  for (uint32_t i = h; i < m; i += 8) {
+    if (i + 8 > TERM_BUF_SZ) {
+      while (i < m && x[i] == y[i]) ++i;
+      *lcp = i;
+      if (i < m) return x[i] < y[i];
+      break;
+    }
+    uint64_t diff = load_be64(x + i) ^ load_be64(y + i);
+    if (m - i < 8) diff &= ~uint64_t{0} << (8 * (8 - (m - i)));
+    if (diff != 0) {
+      const uint32_t at = i + static_cast<uint32_t>(__builtin_clzll(diff)) / 8;
+      *lcp = at;
+      return x[at] < y[at];
     }
   }
-  while (i < m && x[i] == y[i]) ++i;
-  *lcp = i;
-  if (i < m) return x[i] < y[i];
+  *lcp = m;
   if (la != lb) return la < lb;
   return a < b;
 }
