@@ -137,8 +137,12 @@ struct plw {
   uint32_t count_forterm;
   uint32_t run;            // pending run length
   uint32_t last_value;
+  uint8_t* mem;            // not null: the output goes here (offset counts from it)
+  uint64_t mem_cap;        // bytes mem holds; a write past them fails (-9)
 };
 int _plist_writer_open(plw* w, int fd, uint64_t offset) noexcept;
+// A writer whose output goes to memory[0 .. capacity) instead of a file.
+int _plist_writer_open_mem(plw* w, uint8_t* mem, uint64_t capacity) noexcept;
 int _plist_writer_start_term(plw* w) noexcept;
 int _plist_writer_put(plw* w, uint32_t value) noexcept;   // 0 or -9
 // _plist_writer_put of values[0..n) in turn, the same bytes and writes; stops

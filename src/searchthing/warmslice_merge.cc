@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -589,26 +590,13 @@ int _merge_lexicon(int verbose, const int* src_fds, const warm_header* src_hdrs,
   return lm.finish(tgt_fd, tgt_hdr, which_srcs_o, postings_start, tgt_postings_start, w);
 }
 
-int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
-                          uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs, uint32_t* counts,
-                          uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start, warm_header* tgt_hdr,
-                          wrc* w) noexcept {
-  c_ptr<posting_src> srcs_owner = c_alloc<posting_src>(src_count, true);
-  c_ptr<plw> writer_owner = c_alloc<plw>(1, false);
-  if (!srcs_owner || !writer_owner) return _set_rc(w, WS_ENOMEM);
-  if (tgt_postings_start == 0) return _set_rc(w, WS_ENOTAVAIL);
-  posting_src* srcs = srcs_owner.get();
-  plw* writer = writer_owner.get();
-  aw table{};
-  table.fd = -1;
-  auto cleanup = [&]() noexcept {
-    for (uint32_t i = 0; i < src_count; ++i) {
-      if (srcs[i].open) close_plist_reader(&srcs[i].reader);
-    }
-    if (table.buf != nullptr) _aw_close(&table);
-  };
-  _plist_writer_open(writer, tgt_fd, tgt_postings_start);
+namespace {
 
+// Opens one reader per source for a posting merge (each at its first term)
+// and points the sources at their part of the id mapping.
+int open_posting_sources(posting_src* srcs, const int* src_fds, const warm_header* src_hdrs,
+                         const uint64_t* postings_start, uint32_t src_count, const uint32_t* mapping,
+                         const uint32_t* dense, wrc* w) noexcept {
   const uint32_t* slice = mapping;
   for (uint32_t i = 0; i < src_count; ++i) {
     const warm_header* sh = &src_hdrs[i];
@@ -619,145 +607,398 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
         _pl_offset(table_off, n_terms, src_fds[i], plo_size == 8, static_cast<int64_t>(n_terms) - 1);
     int rc = _init_reader_helper(&srcs[i].reader, src_fds[i], table_off, n_terms, plo_size, postings_start[i],
                                  postings_size, PLO_CACHE_ENTRIES, nullptr);
-    if (rc != 0) {
-      _set_rc_verbose(w, rc, static_cast<int>(i), "_init_reader_helper in _merge_all_postings_n");
-      cleanup();
-      return rc;
-    }
+    if (rc != 0) return _set_rc_verbose(w, rc, static_cast<int>(i), "_init_reader_helper in _merge_all_postings_n");
     srcs[i].open = true;
     srcs[i].head = UINT_MAX;
     srcs[i].term_cursor = 0;
     srcs[i].next_start = 0;
     srcs[i].slice = slice;
     srcs[i].num_values = hdr_num_values(sh);
+    srcs[i].dense = dense;
+    if (dense != nullptr) dense += (uint64_t{srcs[i].num_values} + DENSE_BLOCK - 1) / DENSE_BLOCK;
     slice += srcs[i].num_values;
   }
+  return WS_SUCCESS;
+}
+
+void close_posting_sources(posting_src* srcs, uint32_t src_count) noexcept {
+  for (uint32_t i = 0; i < src_count; ++i) {
+    if (srcs[i].open) close_plist_reader(&srcs[i].reader);
+    srcs[i].open = false;
+  }
+}
+
+// Merges the lists of term t (bitmap bm) into writer; 0 or the code left in w.
+int merge_term_postings(posting_src* srcs, uint32_t src_count, bmap_t bm, plw* writer, wrc* w) noexcept {
+  int rc = 0;
+  const uint32_t src_sz = src_count;
+  ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bm), "src_sz <= _bmap_size_bits( &bm )");
+  // The term's sources ordered by (head, source index): the first is the
+  // one to drain, up to the second's head. This is the order of smallest
+  // head first with ties to the earlier source.
+  order_entry order[32];
+  uint32_t n_order = 0;
+  // Set bits in ascending order: the sources that hold the term.
+  for (bmap_t rest = src_count >= 32 ? bm : bm & ((bmap_t{1} << src_count) - 1); rest != 0; rest &= rest - 1) {
+    const uint32_t i = static_cast<uint32_t>(__builtin_ctz(rest));
+    posting_src* s = &srcs[i];
+    if ((rc = _seek_reader_after(&s->reader, s->term_cursor, s->next_start)) != 0) {
+      _set_rc_verbose(w, rc, static_cast<int>(i), "_seek_reader in _merge_all_postings");
+      return rc;
+    }
+    s->term_cursor++;
+    s->next_start += s->reader.left;
+    bool beyond = false;
+    if ((rc = fill(s, &beyond)) != 0) {
+      _set_rc_verbose(w, rc, static_cast<int>(i),
+                      beyond ? "src_tsval_id beyond the values in _merge_all_postings"
+                             : "_next in _merge_all_postings");
+      return rc;
+    }
+    if (s->head == UINT_MAX) {
+      _set_rc_verbose(w, WS_ENOTAVAIL, static_cast<int>(i), "src_tsval_id is UINT_MAX in _merge_all_postings");
+      return WS_ENOTAVAIL;
+    }
+    // Sources come in ascending index order: an equal head stays behind.
+    uint32_t j = n_order++;
+    while (j > 0 && order[j - 1].head > s->head) {
+      order[j] = order[j - 1];
+      --j;
+    }
+    order[j] = {s->head, i};
+  }
+  // Source lists ascend strictly (the reader refuses anything else) and
+  // the value merge hands out ids in the order it consumes each source,
+  // so every source's heads ascend and the merged list never goes back.
+  _plist_writer_start_term(writer);
+  uint32_t lo = 0;
+  while (lo < n_order) {
+    posting_src* best = &srcs[order[lo].src];
+    const uint32_t bound = lo + 1 < n_order ? order[lo + 1].head : UINT_MAX;
+    for (;;) {
+      // The batch's ids up to the bound go out without looking back at
+      // the other sources (ids ascend, so the first one past it ends the
+      // drain). With a single source left the bound is UINT_MAX, which no
+      // id reaches.
+      const uint32_t first = best->pos;
+      const uint32_t cnt = best->cnt;
+      uint32_t k = first;
+      while (k < cnt && best->ids[k] <= bound) ++k;
+      if ((rc = _plist_writer_put_run(writer, best->ids + first, k - first, nullptr)) != 0) {
+        _set_rc(w, rc);
+          return rc;
+      }
+      if (k < cnt) {
+        best->pos = k;
+        best->head = best->ids[k];
+        break;
+      }
+      best->pos = cnt - 1;
+      if ((rc = advance(best)) != 0) {
+        _set_rc(w, rc);
+          return rc;
+      }
+      if (best->head == UINT_MAX || best->head > bound) break;
+    }
+    if (best->head == UINT_MAX) {
+      ++lo;
+      continue;
+    }
+    // Its new head lies past the second's: move it back to its place.
+    const order_entry moved{best->head, order[lo].src};
+    uint32_t j = lo;
+    while (j + 1 < n_order && (order[j + 1].head < moved.head ||
+                               (order[j + 1].head == moved.head && order[j + 1].src < moved.src))) {
+      order[j] = order[j + 1];
+      ++j;
+    }
+    order[j] = moved;
+  }
+  return _plist_writer_end_term(writer);
+}
+
+// The upper part of the terms, merged on a second thread into memory while
+// the lower part is merged into the file; it is written after it once both
+// are done. It gives up (and the lower merge goes on through its terms) on
+// any fault, when its output outgrows its memory, or when the sources'
+// positions it started from are not where the lower merge ends: the merged
+// bytes, codes and messages are then those of a single merge.
+struct upper_postings {
+  uint32_t first_term = 0;
+  uint32_t num_terms = 0;
+  uint32_t src_count = 0;
+  const bmap_t* which = nullptr;
+  uint32_t* counts = nullptr;
+  c_ptr<posting_src> srcs;
+  c_ptr<plw> writer;
+  c_ptr<uint8_t> bytes;       // the merged lists
+  c_ptr<uint64_t> ends;       // each term's end, from the first list's start
+  uint32_t start_cursor[32] = {};
+  uint64_t start_offset[32] = {};
+  uint32_t postings = 0;
+  bool ok = false;
+  std::atomic<bool> stop{false};  // the lower merge failed: nothing here is wanted
+  wrc w{};
+
+  void run() noexcept {
+    for (uint32_t t = first_term; t < num_terms; ++t) {
+      if (stop.load(std::memory_order_relaxed)) return;
+      if (merge_term_postings(srcs.get(), src_count, which[t], writer.get(), &w) != 0) return;
+      counts[t] = be32(writer->count_forterm);
+      postings += writer->count_forterm;
+      ends.get()[t - first_term] = writer->total;
+    }
+    ok = _plist_writer_close(writer.get()) == 0;
+  }
+};
+
+// Lower bound of the memory the upper part may use, and its share of the
+// sources' list bytes.
+constexpr uint64_t UPPER_MAX_BYTES = 32u << 20;
+constexpr uint32_t UPPER_MIN_TERMS = 1024;
+
+// The first merged term of the upper part: see _posting_split_term.
+}  // namespace
+
+uint32_t _posting_split_term(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, const bmap_t* which,
+                             uint32_t num_terms, uint32_t* cursor_o, uint64_t* offset_o,
+                             uint64_t* upper_bytes_o) noexcept {
+  if (num_terms < 2 * UPPER_MIN_TERMS) return 0;
+  // Each source's term cursor every 1024 merged terms.
+  const uint32_t step = UPPER_MIN_TERMS;
+  const uint32_t marks = num_terms / step + 1;
+  c_ptr<uint32_t> cursors = c_alloc<uint32_t>(uint64_t{marks} * src_count, true);
+  if (!cursors) return 0;
+  uint32_t run[32] = {};
+  const bmap_t mask = src_count >= 32 ? ~bmap_t{0} : (bmap_t{1} << src_count) - 1;
+  for (uint32_t t = 0; t < num_terms; ++t) {
+    if (t % step == 0) memcpy(cursors.get() + uint64_t{t / step} * src_count, run, 4ull * src_count);
+    for (bmap_t rest = which[t] & mask; rest != 0; rest &= rest - 1) run[__builtin_ctz(rest)]++;
+  }
+  // A source's list bytes before its term c: the end of the list before it.
+  auto start_of = [&](uint32_t i, uint32_t c, uint64_t* off) noexcept {
+    if (c == 0) {
+      *off = 0;
+      return true;
+    }
+    const warm_header* sh = &src_hdrs[i];
+    const uint64_t sz = _get_plo_size(sh);
+    uint8_t e[8] = {};
+    if (c > hdr_num_terms(sh) || !st_pread_full(src_fds[i], e, sz, _offset_pl_offs(sh) + (c - 1) * sz)) return false;
+    *off = sz == 8 ? load_be64(e) : load_be32(e);
+    return true;
+  };
+  uint64_t all = 0;
+  for (uint32_t i = 0; i < src_count; ++i) {
+    uint64_t end = 0;
+    if (!start_of(i, run[i], &end)) return 0;
+    all += end;
+  }
+  // The work of a part: its list bytes and, per merged term, about as much
+  // again as 20 bytes of lists take (measured). The upper part gets a
+  // little over half of it (the lower merge also writes the upper part out)
+  // and no more list bytes than three eighths of its memory allowance, as
+  // its output may be larger than its input.
+  auto upper_bytes = [&](uint32_t m, uint64_t* sum) noexcept {
+    uint64_t before = 0;
+    for (uint32_t i = 0; i < src_count; ++i) {
+      uint64_t off = 0;
+      if (!start_of(i, cursors.get()[uint64_t{m} * src_count + i], &off)) return false;
+      before += off;
+    }
+    *sum = all >= before ? all - before : 0;
+    return true;
+  };
+  constexpr uint64_t TERM_WORK = 20;
+  const uint64_t want_work = (all + TERM_WORK * num_terms) * 55 / 100;
+  const uint64_t max_bytes = UPPER_MAX_BYTES * 3 / 8;
+  uint32_t lo = 1;
+  uint32_t hi = (num_terms - UPPER_MIN_TERMS) / step;
+  if (hi < lo) return 0;
+  while (lo < hi) {
+    const uint32_t mid = lo + (hi - lo) / 2;
+    uint64_t sum = 0;
+    if (!upper_bytes(mid, &sum)) return 0;
+    if (sum <= max_bytes && sum + TERM_WORK * (num_terms - mid * step) <= want_work) hi = mid; else lo = mid + 1;
+  }
+  uint64_t sum = 0;
+  if (!upper_bytes(lo, &sum) || sum == 0) return 0;
+  for (uint32_t i = 0; i < src_count; ++i) {
+    cursor_o[i] = cursors.get()[uint64_t{lo} * src_count + i];
+    if (!start_of(i, cursor_o[i], &offset_o[i])) return 0;
+  }
+  *upper_bytes_o = sum;
+  return lo * step;
+
+}
+
+namespace {
+
+// Sets up the upper part from its first term on: its readers placed at each
+// source's term there, its memory sized by its sources' list bytes. False
+// when there is no such part or it cannot be placed.
+bool place_upper(upper_postings* up, const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
+                 uint32_t src_count, const uint32_t* mapping, const uint32_t* dense, const bmap_t* which,
+                 uint32_t num_terms) noexcept {
+  uint64_t sum = 0;
+  const uint32_t first = _posting_split_term(src_fds, src_hdrs, src_count, which, num_terms, up->start_cursor,
+                                             up->start_offset, &sum);
+  if (first == 0) return false;
+  up->first_term = first;
+  up->num_terms = num_terms;
+  up->src_count = src_count;
+  up->which = which;
+  up->srcs = c_alloc<posting_src>(src_count, true);
+  up->writer = c_alloc<plw>(1, false);
+  const uint64_t cap = std::min<uint64_t>(UPPER_MAX_BYTES, 2 * sum + (1u << 20));
+  up->bytes = c_alloc<uint8_t>(cap, false);
+  up->ends = c_alloc<uint64_t>(num_terms - up->first_term, false);
+  if (!up->srcs || !up->writer || !up->bytes || !up->ends) return false;
+  wrc ignored{};
+  if (open_posting_sources(up->srcs.get(), src_fds, src_hdrs, postings_start, src_count, mapping, dense, &ignored) != 0) {
+    close_posting_sources(up->srcs.get(), src_count);
+    return false;
+  }
+  for (uint32_t i = 0; i < src_count; ++i) {
+    up->srcs.get()[i].term_cursor = up->start_cursor[i];
+    up->srcs.get()[i].next_start = up->start_offset[i];
+  }
+  _plist_writer_open_mem(up->writer.get(), up->bytes.get(), cap);
+  return true;
+}
+
+}  // namespace
+
+int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
+                          uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs, uint32_t* counts,
+                          uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start, warm_header* tgt_hdr,
+                          wrc* w) noexcept {
+  return _merge_all_postings_split(src_fds, src_hdrs, postings_start, src_count, mapping, which_srcs, counts,
+                                   num_terms, tgt_fd, tgt_postings_start, tgt_hdr, w, true);
+}
+
+int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
+                              uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs,
+                              uint32_t* counts, uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start,
+                              warm_header* tgt_hdr, wrc* w, bool split) noexcept {
+  c_ptr<posting_src> srcs_owner = c_alloc<posting_src>(src_count, true);
+  c_ptr<plw> writer_owner = c_alloc<plw>(1, false);
+  if (!srcs_owner || !writer_owner) return _set_rc(w, WS_ENOMEM);
+  if (tgt_postings_start == 0) return _set_rc(w, WS_ENOTAVAIL);
+  posting_src* srcs = srcs_owner.get();
+  plw* writer = writer_owner.get();
+  aw table{};
+  table.fd = -1;
+  upper_postings up;
+  std::thread upper_thread;
+  auto cleanup = [&]() noexcept {
+    if (upper_thread.joinable()) {
+      up.stop.store(true, std::memory_order_relaxed);
+      upper_thread.join();
+    }
+    close_posting_sources(srcs, src_count);
+    if (up.srcs) close_posting_sources(up.srcs.get(), src_count);
+    if (table.buf != nullptr) _aw_close(&table);
+  };
+  _plist_writer_open(writer, tgt_fd, tgt_postings_start);
 
   // The dense-block tables are a shortcut only: without memory for them
   // every id goes through the mapping.
   uint64_t dense_entries = 0;
-  for (uint32_t i = 0; i < src_count; ++i) dense_entries += (uint64_t{srcs[i].num_values} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+  for (uint32_t i = 0; i < src_count; ++i)
+    dense_entries += (uint64_t{hdr_num_values(&src_hdrs[i])} + DENSE_BLOCK - 1) / DENSE_BLOCK;
   c_ptr<uint32_t> dense_owner = c_alloc<uint32_t>(dense_entries, false);
   if (dense_owner) {
     uint32_t* next = dense_owner.get();
+    const uint32_t* slice = mapping;
     for (uint32_t i = 0; i < src_count; ++i) {
-      srcs[i].dense = dense_blocks(srcs[i].slice, srcs[i].num_values, next);
-      next += (uint64_t{srcs[i].num_values} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+      const uint32_t n = hdr_num_values(&src_hdrs[i]);
+      dense_blocks(slice, n, next);
+      next += (uint64_t{n} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+      slice += n;
     }
   }
+  int rc = open_posting_sources(srcs, src_fds, src_hdrs, postings_start, src_count, mapping, dense_owner.get(), w);
+  if (rc != 0) {
+    cleanup();
+    return rc;
+  }
 
-  int rc = _aw_open(&table, tgt_fd, _offset_pl_offs(tgt_hdr), 8, 512);
+  rc = _aw_open(&table, tgt_fd, _offset_pl_offs(tgt_hdr), 8, 512);
   if (rc != 0) {
     _set_rc(w, rc);
     cleanup();
     return rc;
   }
-  const uint32_t src_sz = src_count;
+
+  uint32_t lower_end = num_terms;
+  if (split && place_upper(&up, src_fds, src_hdrs, postings_start, src_count, mapping, dense_owner.get(), which_srcs,
+                           num_terms)) {
+    up.counts = counts;
+    const int caller_errno = errno;
+    try {
+      upper_thread = std::thread([&up, caller_errno] {
+        errno = caller_errno;
+        up.run();
+      });
+      lower_end = up.first_term;
+    } catch (const std::system_error&) {
+      // No thread: one merge through all terms.
+    }
+  }
+
   uint32_t total = 0;
+  auto put_entry = [&](uint64_t end) noexcept {
+    // Straight into the table's buffer while it has room; _aw_write writes
+    // it out when the next entry arrives to a full buffer.
+    if (table.count < table.capacity) {
+      store_be64(table.buf + 8 * uint64_t{table.count}, end);
+      table.count++;
+      return WS_SUCCESS;
+    }
+    uint8_t entry[8];
+    store_be64(entry, end);
+    return _aw_write(&table, entry, 8);
+  };
   for (uint32_t t = 0; t < num_terms; ++t) {
-    const bmap_t bm = which_srcs[t];
-    ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bm), "src_sz <= _bmap_size_bits( &bm )");
-    // The term's sources ordered by (head, source index): the first is the
-    // one to drain, up to the second's head. This is the order of smallest
-    // head first with ties to the earlier source.
-    order_entry order[32];
-    uint32_t n_order = 0;
-    // Set bits in ascending order: the sources that hold the term.
-    for (bmap_t rest = src_count >= 32 ? bm : bm & ((bmap_t{1} << src_count) - 1); rest != 0; rest &= rest - 1) {
-      const uint32_t i = static_cast<uint32_t>(__builtin_ctz(rest));
-      posting_src* s = &srcs[i];
-      if ((rc = _seek_reader_after(&s->reader, s->term_cursor, s->next_start)) != 0) {
-        _set_rc_verbose(w, rc, static_cast<int>(i), "_seek_reader in _merge_all_postings");
-        cleanup();
-        return rc;
+    if (t == lower_end) {
+      // The upper part, when it went through and starts where this merge
+      // stands, follows this one's lists; else this merge goes on.
+      upper_thread.join();
+      bool follows = up.ok;
+      for (uint32_t i = 0; follows && i < src_count; ++i) {
+        follows = srcs[i].term_cursor == up.start_cursor[i] && srcs[i].next_start == up.start_offset[i];
       }
-      s->term_cursor++;
-      s->next_start += s->reader.left;
-      bool beyond = false;
-      if ((rc = fill(s, &beyond)) != 0) {
-        _set_rc_verbose(w, rc, static_cast<int>(i),
-                        beyond ? "src_tsval_id beyond the values in _merge_all_postings"
-                               : "_next in _merge_all_postings");
-        cleanup();
-        return rc;
-      }
-      if (s->head == UINT_MAX) {
-        _set_rc_verbose(w, WS_ENOTAVAIL, static_cast<int>(i), "src_tsval_id is UINT_MAX in _merge_all_postings");
-        cleanup();
-        return WS_ENOTAVAIL;
-      }
-      // Sources come in ascending index order: an equal head stays behind.
-      uint32_t j = n_order++;
-      while (j > 0 && order[j - 1].head > s->head) {
-        order[j] = order[j - 1];
-        --j;
-      }
-      order[j] = {s->head, i};
-    }
-    // Source lists ascend strictly (the reader refuses anything else) and
-    // the value merge hands out ids in the order it consumes each source,
-    // so every source's heads ascend and the merged list never goes back.
-    _plist_writer_start_term(writer);
-    uint32_t lo = 0;
-    while (lo < n_order) {
-      posting_src* best = &srcs[order[lo].src];
-      const uint32_t bound = lo + 1 < n_order ? order[lo + 1].head : UINT_MAX;
-      for (;;) {
-        // The batch's ids up to the bound go out without looking back at
-        // the other sources (ids ascend, so the first one past it ends the
-        // drain). With a single source left the bound is UINT_MAX, which no
-        // id reaches.
-        const uint32_t first = best->pos;
-        const uint32_t cnt = best->cnt;
-        uint32_t k = first;
-        while (k < cnt && best->ids[k] <= bound) ++k;
-        if ((rc = _plist_writer_put_run(writer, best->ids + first, k - first, nullptr)) != 0) {
-          _set_rc(w, rc);
+      if (follows) {
+        const uint64_t base = writer->total;
+        if (!st_pwrite_full(tgt_fd, up.bytes.get(), up.writer->total, tgt_postings_start + base)) {
+          rc = _set_rc(w, WS_EWRITE);
           cleanup();
           return rc;
         }
-        if (k < cnt) {
-          best->pos = k;
-          best->head = best->ids[k];
-          break;
+        for (uint32_t u = t; u < num_terms; ++u) {
+          if ((rc = put_entry(base + up.ends.get()[u - t])) != 0) {
+            _set_rc(w, rc);
+            cleanup();
+            return rc;
+          }
         }
-        best->pos = cnt - 1;
-        if ((rc = advance(best)) != 0) {
-          _set_rc(w, rc);
-          cleanup();
-          return rc;
-        }
-        if (best->head == UINT_MAX || best->head > bound) break;
+        // The lower part's last bytes, still in its buffer, go out at close
+        // just before the upper part.
+        writer->total += up.writer->total;
+        total += up.postings;
+        break;
       }
-      if (best->head == UINT_MAX) {
-        ++lo;
-        continue;
-      }
-      // Its new head lies past the second's: move it back to its place.
-      const order_entry moved{best->head, order[lo].src};
-      uint32_t j = lo;
-      while (j + 1 < n_order && (order[j + 1].head < moved.head ||
-                                 (order[j + 1].head == moved.head && order[j + 1].src < moved.src))) {
-        order[j] = order[j + 1];
-        ++j;
-      }
-      order[j] = moved;
     }
-    _plist_writer_end_term(writer);
+    if ((rc = merge_term_postings(srcs, src_count, which_srcs[t], writer, w)) != 0) {
+      cleanup();
+      return rc;
+    }
     // Ids that the value merge made one appear once: the count is of
     // distinct ids.
     counts[t] = be32(writer->count_forterm);
     total += writer->count_forterm;
-    // Straight into the table's buffer while it has room; _aw_write writes
-    // it out when the next entry arrives to a full buffer.
-    if (table.count < table.capacity) {
-      store_be64(table.buf + 8 * uint64_t{table.count}, writer->total);
-      table.count++;
-      continue;
-    }
-    uint8_t entry[8];
-    store_be64(entry, writer->total);
-    if ((rc = _aw_write(&table, entry, 8)) != 0) {
+    if ((rc = put_entry(writer->total)) != 0) {
       _set_rc(w, rc);
       cleanup();
       return rc;

@@ -62,6 +62,24 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
                           uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start, warm_header* tgt_hdr,
                           wrc* w) noexcept;
 
+// The same; with split false the terms are merged in one pass on this
+// thread, else the upper part of a large merge may go to a second thread
+// (with the same results).
+int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
+                              uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs,
+                              uint32_t* counts, uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start,
+                              warm_header* tgt_hdr, wrc* w, bool split) noexcept;
+
+// Where a split posting merge starts its upper part: a multiple of 1024
+// merged terms whose lists hold a little over half the work (list bytes
+// and terms) and at most 12 MiB of list bytes, leaving 1024 terms or more
+// on either side; 0 when there is no such term. cursor_o[i] and offset_o[i]
+// receive source i's term number and list offset there, *upper_bytes_o
+// the upper part's list bytes.
+uint32_t _posting_split_term(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, const bmap_t* which,
+                             uint32_t num_terms, uint32_t* cursor_o, uint64_t* offset_o,
+                             uint64_t* upper_bytes_o) noexcept;
+
 // Writes the target's term metadata at _offset_metadata(tgt_hdr): counts[t]
 // (big-endian) or, when counts is null, the sum of the sources' counts;
 // earliest and latest from the sources' own metadata. Full 12-byte records,

@@ -32,11 +32,23 @@ inline void emit_run(plw* w) noexcept {
   w->total += n;
 }
 
+// The buffer's first n bytes to where the writer's output goes: the file,
+// or the memory of a writer opened with _plist_writer_open_mem (which takes
+// no more than its capacity).
+inline bool flush_out(const plw* w, uint32_t n) noexcept {
+  if (w->mem == nullptr) return st_pwrite_full(w->fd, w->buf, n, w->offset);
+  if (w->offset > w->mem_cap || n > w->mem_cap - w->offset) return false;
+  memcpy(w->mem + w->offset, w->buf, n);
+  return true;
+}
+
 }  // namespace
 
 // ---- Writer -----------------------------------------------------------------
 
 int _plist_writer_open(plw* w, int fd, uint64_t offset) noexcept {
+  w->mem = nullptr;
+  w->mem_cap = 0;
   w->fd = fd;
   w->offset = offset;
   w->bytes = 0;
@@ -44,6 +56,13 @@ int _plist_writer_open(plw* w, int fd, uint64_t offset) noexcept {
   w->count_forterm = 0;
   w->run = 0;
   w->last_value = 0;
+  return WS_SUCCESS;
+}
+
+int _plist_writer_open_mem(plw* w, uint8_t* mem, uint64_t capacity) noexcept {
+  _plist_writer_open(w, -1, 0);
+  w->mem = mem;
+  w->mem_cap = capacity;
   return WS_SUCCESS;
 }
 
@@ -75,7 +94,7 @@ int _plist_writer_put(plw* w, uint32_t value) noexcept {
   w->last_value = cur_value;
   w->count_forterm++;
   if (w->bytes + PLW_MARGIN >= PLW_BUF_SZ + 1) {
-    if (!st_pwrite_full(w->fd, w->buf, w->bytes, w->offset)) return WS_EWRITE;  // buffer kept
+    if (!flush_out(w, w->bytes)) return WS_EWRITE;  // buffer kept
     w->offset += w->bytes;
     w->bytes = 0;
   }
@@ -113,7 +132,7 @@ int _plist_writer_put_run(plw* w, const uint32_t* values, uint32_t n, uint32_t* 
     last = v;
     count++;
     if (bytes + PLW_MARGIN >= PLW_BUF_SZ + 1) {
-      if (!st_pwrite_full(w->fd, w->buf, bytes, w->offset)) {
+      if (!flush_out(w, bytes)) {
         rc = WS_EWRITE;  // buffer kept
         break;
       }
@@ -139,7 +158,7 @@ int _plist_writer_end_term(plw* w) noexcept {
 int _plist_writer_close(plw* w) noexcept {
   int rc = WS_SUCCESS;
   if (w->bytes > 0) {
-    if (st_pwrite_full(w->fd, w->buf, w->bytes, w->offset)) {
+    if (flush_out(w, w->bytes)) {
       w->offset += w->bytes;
       w->bytes = 0;
     } else {

@@ -607,5 +607,122 @@ TEST_F(MergeTest, RandomGroupsMatchTheModelMerge) {
   }
 }
 
+// ---- The posting merge split across two threads ---------------------------------
+
+// Runs the phases up to the postings for the sources into a fresh target and
+// merges the postings in one pass or split; returns the target's bytes.
+struct PostingRun {
+  int rc = 0;
+  wrc w{};
+  std::vector<uint32_t> counts;
+  bytes target;
+};
+
+class PostingSplitTest : public MergeTest {
+ protected:
+  PostingRun run(const std::vector<bytes>& files, bool split, uint32_t* split_term = nullptr) {
+    PostingRun r;
+    std::vector<int> fds = sources(files);
+    const int tfd = target();
+    const auto n = static_cast<uint32_t>(fds.size());
+    warm_header* hdrs = _read_src_headers(fds.data(), n, &r.w);
+    EXPECT_NE(hdrs, nullptr);
+    warm_header tgt{};
+    _init_magic(&tgt);
+    uint32_t* mapping = _merge_values(fds.data(), hdrs, n, tfd, &tgt, &r.w, 0);
+    EXPECT_NE(mapping, nullptr);
+    EXPECT_EQ(_merge_array(fds.data(), hdrs, n, mapping, tfd, &tgt, &r.w), 0);
+    bmap_t* which = nullptr;
+    uint64_t starts[32], tgt_start = 0;
+    EXPECT_EQ(_merge_lexicon(0, fds.data(), hdrs, n, 8, 0, tfd, &tgt, &which, starts, &tgt_start, &r.w), 0);
+    const uint32_t terms = hdr_num_terms(&tgt);
+    if (split_term != nullptr) {
+      uint32_t cursors[32];
+      uint64_t offsets[32], upper = 0;
+      *split_term = _posting_split_term(fds.data(), hdrs, n, which, terms, cursors, offsets, &upper);
+    }
+    r.counts.assign(terms, 0);
+    r.rc = _merge_all_postings_split(fds.data(), hdrs, starts, n, mapping, which, r.counts.data(), terms, tfd,
+                                     tgt_start, &tgt, &r.w, split);
+    _bmap_free(which);
+    free(mapping);
+    free(hdrs);
+    release();
+    r.target = testutil::read_file(last_target_);
+    return r;
+  }
+};
+
+// Sources of many terms each: a merge large enough to be split.
+std::vector<ModelFile> split_sources() {
+  std::vector<ModelFile> out;
+  std::mt19937 rng(7);
+  for (int s = 0; s < 5; ++s) {
+    ModelFile m;
+    for (int i = 0; i < 600; ++i) m.values.push_back({1000 * s + 999 - i, static_cast<uint32_t>(i), 1, 2, 3, 4});
+    for (int t = 0; t < 2500; ++t) {
+      ModelTerm term{"term" + std::to_string(10000 + (t * 7 + s * 3) % 6000), {}};
+      for (uint32_t i = rng() % 7; i < 600; i += 1 + rng() % 200) term.ids.push_back(i);
+      m.terms.push_back(term);
+    }
+    std::sort(m.terms.begin(), m.terms.end(), [](const ModelTerm& a, const ModelTerm& b) { return a.term < b.term; });
+    m.terms.erase(std::unique(m.terms.begin(), m.terms.end(),
+                              [](const ModelTerm& a, const ModelTerm& b) { return a.term == b.term; }),
+                  m.terms.end());
+    testutil::fill_metadata(m);
+    out.push_back(m);
+  }
+  return out;
+}
+
+// The split merge writes the bytes, counts, codes and messages of the
+// single pass, for good sources and for sources damaged below, at and
+// above the point where the upper part starts (where the upper part gives
+// up and the single pass takes over).
+TEST_F(PostingSplitTest, SplitMatchesOnePass) {
+  std::vector<bytes> files;
+  for (const ModelFile& m : split_sources()) files.push_back(testutil::build_index_file(m));
+  uint32_t split_term = 0;
+  PostingRun one = run(files, false, &split_term);
+  ASSERT_EQ(one.rc, 0) << one.w.message;
+  ASSERT_GT(split_term, 0u) << "the merge is too small to be split";
+  ASSERT_LT(split_term, one.counts.size());
+  PostingRun two = run(files, true);
+  EXPECT_EQ(two.rc, 0);
+  EXPECT_EQ(two.counts, one.counts);
+  EXPECT_TRUE(two.target == one.target);
+
+  // Damage in the last source's postings: a byte that makes an id run past
+  // the values, at a fraction of the way through its lists.
+  const testutil::ModelLayout l = testutil::layout_of(files.back());
+  const uint64_t postings = files.back().size() - l.postings;
+  int faults = 0;
+  for (double at : {0.05, 0.5, 0.9, 0.99}) {
+    SCOPED_TRACE(at);
+    std::vector<bytes> bad = files;
+    bad.back()[l.postings + static_cast<uint64_t>(at * static_cast<double>(postings))] = 0x7F;
+    PostingRun a = run(bad, false);
+    PostingRun b = run(bad, true);
+    EXPECT_EQ(a.rc, b.rc);
+    EXPECT_EQ(a.w.source_index, b.w.source_index);
+    EXPECT_STREQ(a.w.message, b.w.message);
+    faults += a.rc != 0;
+    if (a.rc == 0) {
+      EXPECT_EQ(a.counts, b.counts);
+      EXPECT_TRUE(a.target == b.target);
+    }
+    // A cut there: the lists after it cannot be read.
+    bytes cut(files.back().begin(), files.back().begin() + static_cast<long>(l.postings + at * postings));
+    bad.back() = cut;
+    a = run(bad, false);
+    b = run(bad, true);
+    EXPECT_NE(a.rc, 0);
+    EXPECT_EQ(a.rc, b.rc);
+    EXPECT_EQ(a.w.source_index, b.w.source_index);
+    EXPECT_STREQ(a.w.message, b.w.message);
+  }
+  EXPECT_GE(faults, 2) << "the damage should reach both parts";
+}
+
 }  // namespace
 }  // namespace tarnix
