@@ -17,6 +17,8 @@
 #include <ctime>
 #include <memory>
 #include <new>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "searchthing/check.h"
@@ -666,11 +668,15 @@ struct loser_tree {
   uint32_t winner;        // NO_CURSOR when every cursor is exhausted
   uint32_t winner_lcp;    // prefix the winner shares with the last term written
 
-  void build(uint32_t n) noexcept {
+  // Plays the cursors below their ends (end null: their terms' end).
+  void build(uint32_t n, const uint32_t* end) noexcept {
     leaves = 1;
     while (leaves < n) leaves *= 2;
     uint32_t win[64];
-    for (uint32_t i = 0; i < leaves; ++i) win[leaves + i] = i < n && !exhausted(cxts[i]) ? i : NO_CURSOR;
+    for (uint32_t i = 0; i < leaves; ++i) {
+      const bool live = i < n && !exhausted(cxts[i]) && (end == nullptr || cxts[i]._cursor < end[i]);
+      win[leaves + i] = live ? i : NO_CURSOR;
+    }
     for (uint32_t node = leaves - 1; node >= 1; --node) {
       const uint32_t a = win[2 * node];
       const uint32_t b = win[2 * node + 1];
@@ -717,19 +723,67 @@ struct loser_tree {
   }
 };
 
-// Terms between two reports of progress to a follower.
-constexpr uint32_t PROGRESS_STEP = 1024;
+// Merged terms of the upper half of a split merge, front-coded against
+// each other in memory (prefix length, suffix length, suffix), for the
+// lower half's writer to take over once it has written its own.
+struct term_list {
+  static constexpr uint64_t MAX_BYTES = 64u << 20;
+  uint32_t _cursor = 0;
+  uint32_t prev_len = 0;
+  char prev_term[TERM_BUF_SZ];
+  std::vector<uint8_t> bytes;
+};
 
-int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* which_srcs, wrc* w,
-               lex_merge_progress* progress) noexcept {
+int put_next(lex_writer* w, const char* term, uint32_t len, uint32_t lcp) noexcept {
+  return _lex_writer_put_next(w, term, len, lcp);
+}
+
+int put_next(term_list* l, const char* term, uint32_t len, uint32_t lcp) noexcept {
+  if (l->bytes.size() > term_list::MAX_BYTES) return WS_ENOMEM;
+  uint8_t head[10];
+  uint32_t n = st_encode_to_vbe(head, lcp);
+  n += st_encode_to_vbe(head + n, len - lcp);
+  try {
+    l->bytes.insert(l->bytes.end(), head, head + n);
+    l->bytes.insert(l->bytes.end(), term + lcp, term + len);
+  } catch (const std::bad_alloc&) {
+    return WS_ENOMEM;
+  }
+  memcpy(l->prev_term + lcp, term + lcp, len - lcp);
+  l->prev_term[len] = '\0';
+  l->prev_len = len;
+  l->_cursor++;
+  return 0;
+}
+
+// Length of the prefix two terms share.
+uint32_t shared_prefix(const char* a, uint32_t la, const char* b, uint32_t lb) noexcept {
+  const uint32_t m = la < lb ? la : lb;
+  uint32_t i = 0;
+  while (i < m && a[i] == b[i]) ++i;
+  return i;
+}
+
+// The merge proper, from the cursors' current terms up to end[i] for
+// cursor i (end null: to its last term). A cursor that reaches its end has
+// its next term loaded and checked as the full merge would have, and then
+// stops. Continuing (resume) after such a stop, the writer's last term is
+// the one before the cursors' current terms.
+template <class Out>
+int merge_loop(lex_merge_cxt* cxts, uint32_t n, Out* writer, bmap_t* which_srcs, wrc* w, const uint32_t* end,
+               bool resume) noexcept {
   for (uint32_t i = 0; i < n; ++i) {
     if (!exhausted(cxts[i])) ST_ASSERT_TEXT(cxts[i]._cur_term[0] != '\0', "cur_term[0] != '\\0'");
   }
   loser_tree tree{};
   tree.cxts = cxts;
   if (n == 0) return 0;
-  tree.build(n);
-  bool written = false;
+  tree.build(n, end);
+  bool written = resume;
+  if (resume && tree.winner != NO_CURSOR) {
+    const lex_merge_cxt& c = cxts[tree.winner];
+    tree.winner_lcp = shared_prefix(c._cur_term, c._cur_len, writer->prev_term, writer->prev_len);
+  }
   while (tree.winner != NO_CURSOR) {
     const uint32_t s = tree.winner;
     lex_merge_cxt* cxt = &cxts[s];
@@ -738,13 +792,9 @@ int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* whic
     // only adds its source's bit.
     const uint32_t len = cxt->_cur_len;
     if (!written || tree.winner_lcp != writer->prev_len || len != writer->prev_len) {
-      int rc = _lex_writer_put_next(writer, cxt->_cur_term, len, tree.winner_lcp);
+      int rc = put_next(writer, cxt->_cur_term, len, tree.winner_lcp);
       if (rc != 0) return _set_rc(w, rc);
       written = true;
-      if (progress != nullptr && writer->_cursor % PROGRESS_STEP == 1) {
-        if (progress->give_up.load(std::memory_order_relaxed)) return _set_rc(w, WS_ENOTAVAIL);
-        progress->publish(writer->_cursor - 1, false);
-      }
     }
     ST_ASSERT(writer->_cursor > 0);
     _bmap_set(&which_srcs[writer->_cursor - 1], s);
@@ -771,39 +821,172 @@ int merge_loop(lex_merge_cxt* cxts, uint32_t n, lex_writer* writer, bmap_t* whic
     while (h < m && cur[h] == prev[h]) ++h;
     if (h == cur_len || (h < prev_len && cur[h] < prev[h]))
       return _set_rc_verbose(w, WS_EDATA, static_cast<int>(s), "terms out of order in st_fclex_merge_n");
-    tree.replay(s, s, h);
+    tree.replay(s, end != nullptr && cxt->_cursor >= end[s] ? NO_CURSOR : s, h);
   }
   return 0;
 }
 
-}  // namespace
-
-void lex_merge_progress::publish(uint32_t final_terms, bool ended) noexcept {
-  state.store(final_terms | (ended ? uint64_t{1} << 32 : 0), std::memory_order_release);
-  state.notify_all();
+// Places cursor c (its reader open) on term t, decoding the terms of t's
+// block before it; t at the end leaves it exhausted. 0 or a decoding code.
+int seek_cursor(lex_merge_cxt* c, uint32_t t) noexcept {
+  const uint32_t tperb = c->_reader._bor.tperb;
+  c->_cursor = t - t % tperb;
+  c->block = nullptr;
+  if (t >= c->_reader._bor._nterms) {
+    c->_cursor = c->_reader._bor._nterms;
+    return 0;
+  }
+  for (;;) {
+    int rc = _reload_term(c);
+    if (rc != 0 || c->_cursor == t) return rc;
+    c->_cursor++;
+  }
 }
 
-bool lex_merge_progress::wait_for(uint32_t t) noexcept {
-  uint64_t s = state.load(std::memory_order_acquire);
-  while (static_cast<uint32_t>(s) <= t) {
-    if ((s >> 32) != 0) return false;
-    state.wait(s, std::memory_order_acquire);
-    s = state.load(std::memory_order_acquire);
+// The number of source c's first term at or above key (its terms ascending
+// around it: the term before it is below key), or -1 when that cannot be
+// established. Leaves c on that term.
+int64_t first_at_or_above(lex_merge_cxt* c, const char* key) noexcept {
+  const uint32_t n = c->_reader._bor._nterms;
+  const uint32_t tperb = c->_reader._bor.tperb;
+  const uint32_t blocks = _how_many_blocks_helper(n, tperb);
+  auto below = [&]() noexcept {
+    return strcmp(c->_cur_term, key) < 0;
+  };
+  // The last block whose first term is below the key.
+  uint32_t lo = 0;
+  uint32_t hi = blocks;  // block hi's first term is at or above the key (hi == blocks: past the end)
+  if (seek_cursor(c, 0) != 0) return -1;
+  if (!below()) return 0;
+  while (hi - lo > 1) {
+    const uint32_t mid = lo + (hi - lo) / 2;
+    if (seek_cursor(c, mid * tperb) != 0) return -1;
+    if (below()) lo = mid; else hi = mid;
   }
+  // Through block lo: the first term at or above the key, each term above
+  // the one before.
+  if (seek_cursor(c, lo * tperb) != 0) return -1;
+  char prev[TERM_BUF_SZ];
+  for (;;) {
+    memcpy(prev, c->_cur_term, c->_cur_len + 1);
+    const uint32_t next = c->_cursor + 1;
+    if (next == n) return hi == blocks ? static_cast<int64_t>(n) : -1;
+    if (next % tperb == 0) {
+      // Block hi begins at or above the key.
+      if (next / tperb != hi) return -1;
+      if (seek_cursor(c, next) != 0 || below()) return -1;
+      return strcmp(prev, c->_cur_term) < 0 ? static_cast<int64_t>(next) : -1;
+    }
+    c->_cursor = next;
+    if (_reload_term(c) != 0 || strcmp(prev, c->_cur_term) >= 0) return -1;
+    if (!below()) return next;
+  }
+}
+
+// The upper half of a split merge: the cursors (own readers) from each
+// source's first term at or above the pivot.
+struct upper_lexicon {
+  uint32_t n = 0;
+  std::unique_ptr<lex_merge_cxt[]> cxts;
+  term_list terms;
+  bmap_t* which = nullptr;
+  wrc w{};
+  int rc = 0;
+  ~upper_lexicon() {
+    for (uint32_t i = 0; cxts && i < n; ++i) {
+      if (cxts[i]._reader.buf != nullptr) _lex_reader_close(&cxts[i]._reader);
+    }
+    free(which);
+  }
+};
+
+// Appends the upper half's terms to the writer and their bitmaps after the
+// lower half's.
+int append_upper(upper_lexicon* up, lex_writer* writer, bmap_t* which, wrc* w) noexcept {
+  const uint32_t base = writer->_cursor;
+  char term[TERM_BUF_SZ];
+  uint32_t len = 0;
+  const uint8_t* p = up->terms.bytes.data();
+  const uint8_t* const end = p + up->terms.bytes.size();
+  for (uint32_t k = 0; k < up->terms._cursor; ++k) {
+    uint32_t lcp = 0;
+    uint32_t suffix = 0;
+    p += vbe_get(p, end, &lcp);
+    p += vbe_get(p, end, &suffix);
+    memcpy(term + lcp, p, suffix);
+    p += suffix;
+    len = lcp + suffix;
+    term[len] = '\0';
+    // The first shares with the lower half's last term what it shares.
+    if (k == 0) lcp = shared_prefix(term, len, writer->prev_term, writer->prev_len);
+    int rc = _lex_writer_put_next(writer, term, len, lcp);
+    if (rc != 0) return _set_rc(w, rc);
+  }
+  memcpy(which + base, up->which, sizeof(bmap_t) * uint64_t{up->terms._cursor});
+  return 0;
+}
+
+// Merges of fewer source terms run in one pass.
+constexpr uint64_t MIN_SPLIT_TERMS = 65536;
+
+// Sets up the upper half of a split merge over the n sources (fds, offsets;
+// lower[i] the lower half's cursor, at its first term): the pivot is the
+// middle term of the source with the most terms; split[i] receives source
+// i's first term at or above it. False when the merge is not split.
+bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offsets, uint32_t n,
+                         const std::vector<bool>& empty, lex_merge_cxt* lower, uint32_t* split) noexcept {
+  uint32_t largest = 0;
+  uint64_t all = 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    if (empty[i]) continue;
+    all += lower[i]._reader._bor._nterms;
+    if (lower[i]._reader._bor._nterms > lower[largest]._reader._bor._nterms || empty[largest]) largest = i;
+  }
+  if (all == 0 || empty[largest]) return false;
+  up->n = n;
+  up->cxts.reset(new (std::nothrow) lex_merge_cxt[n]());
+  if (!up->cxts) return false;
+  uint64_t upper_terms = 0;
+  char pivot[TERM_BUF_SZ];
+  for (uint32_t k = 0; k <= n; ++k) {
+    // The largest source first, for the pivot.
+    const uint32_t i = k == 0 ? largest : k - 1;
+    if (k > 0 && i == largest) continue;
+    lex_merge_cxt* c = &up->cxts[i];
+    if (empty[i]) {
+      split[i] = 0;
+      continue;
+    }
+    if (_lex_reader_open(&c->_reader, fds[i], offsets[i]) != 0) return false;
+    const uint32_t terms = c->_reader._bor._nterms;
+    if (k == 0) {
+      if (seek_cursor(c, terms / 2) != 0) return false;
+      memcpy(pivot, c->_cur_term, c->_cur_len + 1);
+    }
+    const int64_t at = first_at_or_above(c, pivot);
+    if (at < 0 || seek_cursor(c, static_cast<uint32_t>(at)) != 0) return false;
+    split[i] = static_cast<uint32_t>(at);
+    upper_terms += terms - split[i];
+  }
+  if (upper_terms == 0 || upper_terms == all) return false;
+  up->which = static_cast<bmap_t*>(calloc(upper_terms, sizeof(bmap_t)));
+  if (up->which == nullptr) return false;
+  up->terms.prev_term[0] = '\0';
   return true;
 }
+
+}  // namespace
 
 int st_fclex_merge_n(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz,
                      uint32_t tperb, uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms,
                      bmap_t** which_srcs_o, uint64_t* src_end_offsets, wrc* w) noexcept {
-  return _fclex_merge_n_followed(verbose, fds, offsets, src_sz, tperb, page_sz, writer, merged_terms, which_srcs_o,
-                                 src_end_offsets, w, nullptr);
+  return _fclex_merge_n_split(verbose, fds, offsets, src_sz, tperb, page_sz, writer, merged_terms, which_srcs_o,
+                              src_end_offsets, w, MIN_SPLIT_TERMS);
 }
 
-int _fclex_merge_n_followed(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz,
-                            uint32_t tperb, uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms,
-                            bmap_t** which_srcs_o, uint64_t* src_end_offsets, wrc* w,
-                            lex_merge_progress* progress) noexcept {
+int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz, uint32_t tperb,
+                         uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms, bmap_t** which_srcs_o,
+                         uint64_t* src_end_offsets, wrc* w, uint64_t min_split_terms) noexcept {
   ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bmap_t{}),
                  "src_sz <= _bmap_size_bits( *which_srcs_o )");
   _set_rc(w, 0);
@@ -842,14 +1025,42 @@ int _fclex_merge_n_followed(int verbose, const int* fds, const uint64_t* offsets
 
   *which_srcs_o = static_cast<bmap_t*>(calloc(total == 0 ? 1 : total, sizeof(bmap_t)));
   if (*which_srcs_o == nullptr) return _set_rc(w, WS_ENOMEM);
-  if (progress != nullptr) progress->which.store(*which_srcs_o, std::memory_order_release);
 
   if (total > 0 || src_sz == 0) {
     // Zero sources cannot open a writer (it asserts on zero expected terms).
     int rc = _lex_writer_open(verbose, writer, tperb, page_sz, static_cast<uint32_t>(total));
     if (rc != 0) return _set_rc(w, rc);
-    rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, progress);
-    if (rc != 0) return rc;
+    // A large merge is split at a pivot term: the terms above it are merged
+    // on a second thread while this one merges those below, then appended.
+    // Whenever the upper half fails, this merge goes on through the terms
+    // above the pivot itself, so codes and messages are those of one pass.
+    upper_lexicon up;
+    uint32_t split[32];
+    std::thread upper_thread;
+    if (total >= min_split_terms && place_upper_lexicon(&up, fds, offsets, src_sz, empty, cxts.get(), split)) {
+      const int caller_errno = errno;
+      try {
+        upper_thread = std::thread([&up, caller_errno] {
+          errno = caller_errno;
+          up.rc = merge_loop(up.cxts.get(), up.n, &up.terms, up.which, &up.w, nullptr, false);
+        });
+      } catch (const std::system_error&) {
+      }
+    }
+    if (!upper_thread.joinable()) {
+      rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, nullptr, false);
+      if (rc != 0) return rc;
+    } else {
+      rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, split, false);
+      upper_thread.join();
+      if (rc != 0) return rc;
+      if (up.rc == 0) {
+        rc = append_upper(&up, writer, *which_srcs_o, w);
+      } else {
+        rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, nullptr, true);
+      }
+      if (rc != 0) return rc;
+    }
   }
 
   *merged_terms = writer->_cursor;

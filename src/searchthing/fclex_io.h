@@ -7,7 +7,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <atomic>
 #include <cstdint>
 
 #include "searchthing/fclex.h"
@@ -133,22 +132,6 @@ uint32_t _increment_cursor(lex_merge_cxt* c) noexcept;
 uint32_t _find_smallest_term(lex_merge_cxt* cxts, uint32_t n, uint32_t* smallest,
                              uint32_t* second) noexcept;
 
-// What a lexicon merge tells a thread that follows it term by term (the
-// posting merge): the bitmap array as soon as it exists, then how many
-// merged terms have their final bitmaps (a term's bitmap is final once the
-// next term is written). The owner of the merge marks its end; the follower
-// may ask the merge to give up.
-struct lex_merge_progress {
-  std::atomic<bmap_t*> which{nullptr};
-  std::atomic<uint64_t> state{0};  // final terms in the low 32 bits; bit 32 once ended
-  std::atomic<bool> give_up{false};
-
-  void publish(uint32_t final_terms, bool ended) noexcept;
-  // Waits until term t has its final bitmap (true) or the merge has ended
-  // without it (false).
-  bool wait_for(uint32_t t) noexcept;
-};
-
 // Merges the lexicon sections at offsets[i] of fds[i] (src_sz <= 32) into
 // writer (opened here with tperb, page_sz). which_srcs_o receives an array
 // (free with _bmap_free) with one bitmap per merged term; src_end_offsets[i]
@@ -156,11 +139,10 @@ struct lex_merge_progress {
 int st_fclex_merge_n(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz,
                      uint32_t tperb, uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms,
                      bmap_t** which_srcs_o, uint64_t* src_end_offsets, wrc* w) noexcept;
-// The same, publishing its progress (never its end) to a follower; a merge
-// asked to give up stops with -1.
-int _fclex_merge_n_followed(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz,
-                            uint32_t tperb, uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms,
-                            bmap_t** which_srcs_o, uint64_t* src_end_offsets, wrc* w,
-                            lex_merge_progress* progress) noexcept;
+// The same; a merge of min_split_terms source terms or more is split in
+// two halves at a pivot term, merged at once on two threads.
+int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz, uint32_t tperb,
+                         uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms, bmap_t** which_srcs_o,
+                         uint64_t* src_end_offsets, wrc* w, uint64_t min_split_terms) noexcept;
 
 }  // namespace tarnix
