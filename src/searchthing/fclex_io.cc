@@ -931,7 +931,9 @@ constexpr uint64_t MIN_SPLIT_TERMS = 65536;
 
 // Sets up the upper half of a split merge over the n sources (fds, offsets;
 // lower[i] the lower half's cursor, at its first term): the pivot is the
-// middle term of the source with the most terms; split[i] receives source
+// term three eighths into the source with the most terms (the lower half's
+// thread also appends the upper half and shares the processors with the
+// value merge); split[i] receives source
 // i's first term at or above it. False when the merge is not split.
 bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offsets, uint32_t n,
                          const std::vector<bool>& empty, lex_merge_cxt* lower, uint32_t* split) noexcept {
@@ -960,7 +962,7 @@ bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offs
     if (_lex_reader_open(&c->_reader, fds[i], offsets[i]) != 0) return false;
     const uint32_t terms = c->_reader._bor._nterms;
     if (k == 0) {
-      if (seek_cursor(c, terms / 2) != 0) return false;
+      if (seek_cursor(c, terms * 3 / 8) != 0) return false;
       memcpy(pivot, c->_cur_term, c->_cur_len + 1);
     }
     const int64_t at = first_at_or_above(c, pivot);

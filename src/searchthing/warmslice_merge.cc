@@ -795,8 +795,9 @@ uint32_t _posting_split_term(const int* src_fds, const warm_header* src_hdrs, ui
     all += end;
   }
   // The work of a part: its list bytes and, per merged term, about as much
-  // again as 20 bytes of lists take (measured). The upper part gets a
-  // little over half of it (the lower merge also writes the upper part out)
+  // again as 20 bytes of lists take (measured). The upper part gets about
+  // two thirds of it (the lower merge also writes the upper part out and
+  // shares the processors with the gathering of the metadata times)
   // and no more list bytes than three eighths of its memory allowance, as
   // its output may be larger than its input.
   auto upper_bytes = [&](uint32_t m, uint64_t* sum) noexcept {
@@ -810,7 +811,7 @@ uint32_t _posting_split_term(const int* src_fds, const warm_header* src_hdrs, ui
     return true;
   };
   constexpr uint64_t TERM_WORK = 20;
-  const uint64_t want_work = (all + TERM_WORK * num_terms) * 55 / 100;
+  const uint64_t want_work = (all + TERM_WORK * num_terms) * 65 / 100;
   const uint64_t max_bytes = UPPER_MAX_BYTES * 3 / 8;
   uint32_t lo = 1;
   uint32_t hi = (num_terms - UPPER_MIN_TERMS) / step;
