@@ -926,14 +926,10 @@ int append_upper(upper_lexicon* up, lex_writer* writer, bmap_t* which, wrc* w) n
   return 0;
 }
 
-// Merges of fewer source terms run in one pass.
-constexpr uint64_t MIN_SPLIT_TERMS = 65536;
 
 // Sets up the upper half of a split merge over the n sources (fds, offsets;
 // lower[i] the lower half's cursor, at its first term): the pivot is the
-// term three eighths into the source with the most terms (the lower half's
-// thread also appends the upper half and shares the processors with the
-// value merge); split[i] receives source
+// middle term of the source with the most terms; split[i] receives source
 // i's first term at or above it. False when the merge is not split.
 bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offsets, uint32_t n,
                          const std::vector<bool>& empty, lex_merge_cxt* lower, uint32_t* split) noexcept {
@@ -962,7 +958,7 @@ bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offs
     if (_lex_reader_open(&c->_reader, fds[i], offsets[i]) != 0) return false;
     const uint32_t terms = c->_reader._bor._nterms;
     if (k == 0) {
-      if (seek_cursor(c, terms * 3 / 8) != 0) return false;
+      if (seek_cursor(c, terms / 2) != 0) return false;
       memcpy(pivot, c->_cur_term, c->_cur_len + 1);
     }
     const int64_t at = first_at_or_above(c, pivot);
@@ -983,12 +979,14 @@ int st_fclex_merge_n(int verbose, const int* fds, const uint64_t* offsets, uint3
                      uint32_t tperb, uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms,
                      bmap_t** which_srcs_o, uint64_t* src_end_offsets, wrc* w) noexcept {
   return _fclex_merge_n_split(verbose, fds, offsets, src_sz, tperb, page_sz, writer, merged_terms, which_srcs_o,
-                              src_end_offsets, w, MIN_SPLIT_TERMS);
+                              src_end_offsets, w, FCLEX_MIN_SPLIT_TERMS);
 }
 
 int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz, uint32_t tperb,
                          uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms, bmap_t** which_srcs_o,
-                         uint64_t* src_end_offsets, wrc* w, uint64_t min_split_terms) noexcept {
+                         uint64_t* src_end_offsets, wrc* w, uint64_t min_split_terms,
+                         const lex_upper_hook* hook, uint32_t* lower_terms_o) noexcept {
+  if (lower_terms_o != nullptr) *lower_terms_o = 0;
   ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bmap_t{}),
                  "src_sz <= _bmap_size_bits( *which_srcs_o )");
   _set_rc(w, 0);
@@ -1042,9 +1040,10 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
     if (total >= min_split_terms && place_upper_lexicon(&up, fds, offsets, src_sz, empty, cxts.get(), split)) {
       const int caller_errno = errno;
       try {
-        upper_thread = std::thread([&up, caller_errno] {
+        upper_thread = std::thread([&up, &split, hook, caller_errno] {
           errno = caller_errno;
           up.rc = merge_loop(up.cxts.get(), up.n, &up.terms, up.which, &up.w, nullptr, false);
+          if (up.rc == 0 && hook != nullptr) hook->fn(hook->cookie, up.which, up.terms._cursor, split);
         });
       } catch (const std::system_error&) {
       }
@@ -1057,7 +1056,9 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
       upper_thread.join();
       if (rc != 0) return rc;
       if (up.rc == 0) {
+        const uint32_t lower_terms = writer->_cursor;
         rc = append_upper(&up, writer, *which_srcs_o, w);
+        if (rc == 0 && lower_terms_o != nullptr) *lower_terms_o = lower_terms;
       } else {
         rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, nullptr, true);
       }

@@ -139,10 +139,26 @@ uint32_t _find_smallest_term(lex_merge_cxt* cxts, uint32_t n, uint32_t* smallest
 int st_fclex_merge_n(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz,
                      uint32_t tperb, uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms,
                      bmap_t** which_srcs_o, uint64_t* src_end_offsets, wrc* w) noexcept;
+// Merges of fewer source terms than this run in one pass.
+inline constexpr uint64_t FCLEX_MIN_SPLIT_TERMS = 65536;
+
+// Work that follows the upper half of a split merge on its own thread, once
+// that half has merged without a fault and before the halves are joined:
+// fn gets the half's bitmaps (numbered from its first term), its number of
+// terms and, for each source, the number of its first term in the half.
+struct lex_upper_hook {
+  void (*fn)(void* cookie, const bmap_t* which, uint32_t terms, const uint32_t* split) noexcept;
+  void* cookie;
+};
+
 // The same; a merge of min_split_terms source terms or more is split in
-// two halves at a pivot term, merged at once on two threads.
+// two halves at a pivot term, merged at once on two threads. With a hook,
+// its work follows the upper half; *lower_terms_o (when not null) receives
+// the number of merged terms below the pivot when the merge was split and
+// both halves went through, else 0.
 int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz, uint32_t tperb,
                          uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms, bmap_t** which_srcs_o,
-                         uint64_t* src_end_offsets, wrc* w, uint64_t min_split_terms) noexcept;
+                         uint64_t* src_end_offsets, wrc* w, uint64_t min_split_terms,
+                         const lex_upper_hook* hook = nullptr, uint32_t* lower_terms_o = nullptr) noexcept;
 
 }  // namespace tarnix

@@ -495,6 +495,8 @@ struct lexicon_merge {
   lex_writer writer{};
   bool writer_open = false;
   uint64_t ends[32] = {};
+  const lex_upper_hook* hook = nullptr;  // work to follow the upper half of a split merge
+  uint32_t lower_terms = 0;              // merged terms below the split, 0 when not split
 
   ~lexicon_merge() {
     if (writer_open) _lex_writer_discard(&writer);
@@ -518,7 +520,8 @@ struct lexicon_merge {
       active++;
     }
     if (active > 0) {
-      rc = st_fclex_merge_n(verbose, fds, offsets, active, lex_tpb, page_size, &writer, &num_terms, &which, ends, &w);
+      rc = _fclex_merge_n_split(verbose, fds, offsets, active, lex_tpb, page_size, &writer, &num_terms, &which, ends,
+                                &w, FCLEX_MIN_SPLIT_TERMS, hook, &lower_terms);
       writer_open = true;
       if (rc != 0 || w.warm_rc != 0) {
         // Codes recorded by the lexicon merge name the index among the
@@ -717,6 +720,11 @@ int merge_term_postings(posting_src* srcs, uint32_t src_count, bmap_t bm, plw* w
   return _plist_writer_end_term(writer);
 }
 
+// Most memory the upper part's output may take, and the fewest terms on
+// either side of a split.
+constexpr uint64_t UPPER_MAX_BYTES = 48u << 20;
+constexpr uint32_t UPPER_MIN_TERMS = 1024;
+
 // The upper part of the terms, merged on a second thread into memory while
 // the lower part is merged into the file; it is written after it once both
 // are done. It gives up (and the lower merge goes on through its terms) on
@@ -724,11 +732,11 @@ int merge_term_postings(posting_src* srcs, uint32_t src_count, bmap_t bm, plw* w
 // positions it started from are not where the lower merge ends: the merged
 // bytes, codes and messages are then those of a single merge.
 struct upper_postings {
-  uint32_t first_term = 0;
-  uint32_t num_terms = 0;
+  uint32_t first_term = 0;    // in the merged terms
+  uint32_t num_terms = 0;     // of this part
   uint32_t src_count = 0;
-  const bmap_t* which = nullptr;
-  uint32_t* counts = nullptr;
+  const bmap_t* which = nullptr;  // this part's bitmaps
+  uint32_t* counts = nullptr;     // this part's counts
   c_ptr<posting_src> srcs;
   c_ptr<plw> writer;
   c_ptr<uint8_t> bytes;       // the merged lists
@@ -738,24 +746,48 @@ struct upper_postings {
   uint32_t postings = 0;
   bool ok = false;
   std::atomic<bool> stop{false};  // the lower merge failed: nothing here is wanted
+  std::thread* runner = nullptr;   // the thread merging this part, when not the merge's own
   wrc w{};
 
+  ~upper_postings() {
+    if (srcs) close_posting_sources(srcs.get(), src_count);
+  }
+
   void run() noexcept {
-    for (uint32_t t = first_term; t < num_terms; ++t) {
+    for (uint32_t u = 0; u < num_terms; ++u) {
       if (stop.load(std::memory_order_relaxed)) return;
-      if (merge_term_postings(srcs.get(), src_count, which[t], writer.get(), &w) != 0) return;
-      counts[t] = be32(writer->count_forterm);
+      if (merge_term_postings(srcs.get(), src_count, which[u], writer.get(), &w) != 0) return;
+      counts[u] = be32(writer->count_forterm);
       postings += writer->count_forterm;
-      ends.get()[t - first_term] = writer->total;
+      ends.get()[u] = writer->total;
     }
     ok = _plist_writer_close(writer.get()) == 0;
   }
+
+  // Memory for num_terms terms of output from sources holding list_bytes
+  // bytes of lists, the readers at start_cursor and start_offset.
+  bool prepare(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
+               const uint32_t* mapping, const uint32_t* dense, uint64_t list_bytes) noexcept {
+    srcs = c_alloc<posting_src>(src_count, true);
+    writer = c_alloc<plw>(1, false);
+    const uint64_t cap = std::min<uint64_t>(UPPER_MAX_BYTES, 2 * list_bytes + (1u << 20));
+    bytes = c_alloc<uint8_t>(cap, false);
+    ends = c_alloc<uint64_t>(num_terms, false);
+    if (!srcs || !writer || !bytes || !ends) return false;
+    wrc ignored{};
+    if (open_posting_sources(srcs.get(), src_fds, src_hdrs, postings_start, src_count, mapping, dense, &ignored) != 0) {
+      close_posting_sources(srcs.get(), src_count);
+      return false;
+    }
+    for (uint32_t i = 0; i < src_count; ++i) {
+      srcs.get()[i].term_cursor = start_cursor[i];
+      srcs.get()[i].next_start = start_offset[i];
+    }
+    _plist_writer_open_mem(writer.get(), bytes.get(), cap);
+    return true;
+  }
 };
 
-// Lower bound of the memory the upper part may use, and its share of the
-// sources' list bytes.
-constexpr uint64_t UPPER_MAX_BYTES = 32u << 20;
-constexpr uint32_t UPPER_MIN_TERMS = 1024;
 
 // The first merged term of the upper part: see _posting_split_term.
 }  // namespace
@@ -840,33 +872,145 @@ namespace {
 // when there is no such part or it cannot be placed.
 bool place_upper(upper_postings* up, const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
                  uint32_t src_count, const uint32_t* mapping, const uint32_t* dense, const bmap_t* which,
-                 uint32_t num_terms) noexcept {
+                 uint32_t* counts, uint32_t num_terms) noexcept {
   uint64_t sum = 0;
   const uint32_t first = _posting_split_term(src_fds, src_hdrs, src_count, which, num_terms, up->start_cursor,
                                              up->start_offset, &sum);
   if (first == 0) return false;
   up->first_term = first;
-  up->num_terms = num_terms;
+  up->num_terms = num_terms - first;
   up->src_count = src_count;
-  up->which = which;
-  up->srcs = c_alloc<posting_src>(src_count, true);
-  up->writer = c_alloc<plw>(1, false);
-  const uint64_t cap = std::min<uint64_t>(UPPER_MAX_BYTES, 2 * sum + (1u << 20));
-  up->bytes = c_alloc<uint8_t>(cap, false);
-  up->ends = c_alloc<uint64_t>(num_terms - up->first_term, false);
-  if (!up->srcs || !up->writer || !up->bytes || !up->ends) return false;
-  wrc ignored{};
-  if (open_posting_sources(up->srcs.get(), src_fds, src_hdrs, postings_start, src_count, mapping, dense, &ignored) != 0) {
-    close_posting_sources(up->srcs.get(), src_count);
-    return false;
-  }
-  for (uint32_t i = 0; i < src_count; ++i) {
-    up->srcs.get()[i].term_cursor = up->start_cursor[i];
-    up->srcs.get()[i].next_start = up->start_offset[i];
-  }
-  _plist_writer_open_mem(up->writer.get(), up->bytes.get(), cap);
-  return true;
+  up->which = which + first;
+  up->counts = counts + first;
+  return up->prepare(src_fds, src_hdrs, postings_start, mapping, dense, sum);
 }
+
+// The upper posting part run on the upper lexicon half's thread as soon as
+// that half is merged (and the value merge has given the mapping): it no
+// longer waits for the lower half. Its first term is known only when the
+// halves are joined; the posting merge then takes it as the upper part if
+// the lower part ends where it starts.
+struct early_upper {
+  const int* src_fds = nullptr;
+  const warm_header* src_hdrs = nullptr;
+  uint32_t src_count = 0;
+  // The mapping from the value merge: state 1 once it is there, -1 when
+  // the merge failed before.
+  std::atomic<int> values_state{0};
+  const uint32_t* mapping = nullptr;
+  upper_postings up;
+  c_ptr<uint32_t> counts;
+  c_ptr<uint32_t> dense;
+  uint64_t postings_start[32] = {};
+  uint64_t list_bytes = 0;
+
+  void set_values(int state, const uint32_t* m) noexcept {
+    mapping = m;
+    values_state.store(state, std::memory_order_release);
+    values_state.notify_all();
+  }
+
+  // Eligible merges: every source a "Tarnix6" file holding terms (the
+  // lexicon's bits then name sources directly).
+  static bool eligible(const warm_header* hdrs, uint32_t n) noexcept {
+    for (uint32_t i = 0; i < n; ++i) {
+      if (_has_reverse_lex(&hdrs[i]) || hdr_num_terms(&hdrs[i]) == 0) return false;
+    }
+    return true;
+  }
+
+  c_ptr<bmap_t> which;          // the upper half's bitmaps, copied
+  uint32_t terms = 0;
+  std::thread worker;
+
+  ~early_upper() {
+    up.stop.store(true, std::memory_order_relaxed);
+    if (worker.joinable()) worker.join();
+  }
+
+  // On the upper lexicon half's thread: takes what the half leaves behind
+  // and starts the work on a thread of its own, so that the lexicon halves
+  // are joined without waiting for it.
+  static void hook(void* cookie, const bmap_t* which, uint32_t terms, const uint32_t* split) noexcept {
+    auto* e = static_cast<early_upper*>(cookie);
+    if (!e->place(which, terms, split)) return;
+    const int caller_errno = errno;
+    try {
+      e->worker = std::thread([e, caller_errno] {
+        errno = caller_errno;
+        e->run();
+      });
+    } catch (const std::system_error&) {
+    }
+  }
+
+  // Everything the part needs but the mapping: its bitmaps, each source's
+  // postings section and first list in it, the memory for its counts.
+  bool place(const bmap_t* half_which, uint32_t half_terms, const uint32_t* split) noexcept {
+    if (half_terms == 0) return false;
+    for (uint32_t i = 0; i < src_count; ++i) {
+      const warm_header* sh = &src_hdrs[i];
+      const uint64_t size = st_fclex_size_fd(src_fds[i], _offset_fclex(sh));
+      if (size == 0) return false;
+      postings_start[i] = _offset_fclex(sh) + size;
+      const uint64_t sz = _get_plo_size(sh);
+      const uint32_t n_terms = hdr_num_terms(sh);
+      if (split[i] > n_terms) return false;
+      up.start_cursor[i] = split[i];
+      up.start_offset[i] = 0;
+      uint8_t e[8] = {};
+      if (split[i] > 0) {
+        if (!st_pread_full(src_fds[i], e, sz, _offset_pl_offs(sh) + (split[i] - 1) * sz)) return false;
+        up.start_offset[i] = sz == 8 ? load_be64(e) : load_be32(e);
+      }
+      if (!st_pread_full(src_fds[i], e, sz, _offset_pl_offs(sh) + (uint64_t{n_terms} - 1) * sz)) return false;
+      const uint64_t all = sz == 8 ? load_be64(e) : load_be32(e);
+      list_bytes += all > up.start_offset[i] ? all - up.start_offset[i] : 0;
+    }
+    if (list_bytes > UPPER_MAX_BYTES * 3 / 8) return false;
+    which = c_alloc<bmap_t>(half_terms, false);
+    counts = c_alloc<uint32_t>(half_terms, false);
+    if (!which || !counts) return false;
+    memcpy(which.get(), half_which, sizeof(bmap_t) * uint64_t{half_terms});
+    terms = half_terms;
+    up.num_terms = half_terms;
+    up.src_count = src_count;
+    up.which = which.get();
+    up.counts = counts.get();
+    return true;
+  }
+
+  // On the part's own thread: waits for the mapping, then merges.
+  void run() noexcept {
+    int state = values_state.load(std::memory_order_acquire);
+    while (state == 0) {
+      values_state.wait(0, std::memory_order_acquire);
+      state = values_state.load(std::memory_order_acquire);
+    }
+    if (state < 0) return;
+    uint64_t dense_entries = 0;
+    for (uint32_t i = 0; i < src_count; ++i)
+      dense_entries += (uint64_t{hdr_num_values(&src_hdrs[i])} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+    dense = c_alloc<uint32_t>(dense_entries, false);
+    if (dense) {
+      uint32_t* next = dense.get();
+      const uint32_t* slice = mapping;
+      for (uint32_t i = 0; i < src_count; ++i) {
+        const uint32_t n = hdr_num_values(&src_hdrs[i]);
+        dense_blocks(slice, n, next);
+        next += (uint64_t{n} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+        slice += n;
+      }
+    }
+    if (!up.prepare(src_fds, src_hdrs, postings_start, mapping, dense.get(), list_bytes)) return;
+    up.run();
+  }
+};
+
+int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
+                   uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs, uint32_t* counts,
+                   uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start, warm_header* tgt_hdr, wrc* w,
+                   bool split, upper_postings* ready) noexcept;
 
 }  // namespace
 
@@ -882,6 +1026,18 @@ int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, c
                               uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs,
                               uint32_t* counts, uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start,
                               warm_header* tgt_hdr, wrc* w, bool split) noexcept {
+  return merge_postings(src_fds, src_hdrs, postings_start, src_count, mapping, which_srcs, counts, num_terms, tgt_fd,
+                        tgt_postings_start, tgt_hdr, w, split, nullptr);
+}
+
+namespace {
+
+// The posting merge; ready, when not null, is an upper part already merged
+// (from its first_term on), taken if this merge ends where it starts.
+int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
+                   uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs, uint32_t* counts,
+                   uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start, warm_header* tgt_hdr, wrc* w,
+                   bool split, upper_postings* ready) noexcept {
   c_ptr<posting_src> srcs_owner = c_alloc<posting_src>(src_count, true);
   c_ptr<plw> writer_owner = c_alloc<plw>(1, false);
   if (!srcs_owner || !writer_owner) return _set_rc(w, WS_ENOMEM);
@@ -890,15 +1046,19 @@ int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, c
   plw* writer = writer_owner.get();
   aw table{};
   table.fd = -1;
-  upper_postings up;
+  upper_postings own;
+  upper_postings& up = ready != nullptr ? *ready : own;
   std::thread upper_thread;
   auto cleanup = [&]() noexcept {
     if (upper_thread.joinable()) {
       up.stop.store(true, std::memory_order_relaxed);
       upper_thread.join();
     }
+    if (up.runner != nullptr && up.runner->joinable()) {
+      up.stop.store(true, std::memory_order_relaxed);
+      up.runner->join();
+    }
     close_posting_sources(srcs, src_count);
-    if (up.srcs) close_posting_sources(up.srcs.get(), src_count);
     if (table.buf != nullptr) _aw_close(&table);
   };
   _plist_writer_open(writer, tgt_fd, tgt_postings_start);
@@ -933,16 +1093,18 @@ int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, c
   }
 
   uint32_t lower_end = num_terms;
-  if (split && place_upper(&up, src_fds, src_hdrs, postings_start, src_count, mapping, dense_owner.get(), which_srcs,
-                           num_terms)) {
-    up.counts = counts;
+  if (ready != nullptr) {
+    if (ready->first_term > 0 && ready->first_term < num_terms && ready->num_terms == num_terms - ready->first_term)
+      lower_end = ready->first_term;
+  } else if (split && place_upper(&own, src_fds, src_hdrs, postings_start, src_count, mapping, dense_owner.get(),
+                                  which_srcs, counts, num_terms)) {
     const int caller_errno = errno;
     try {
-      upper_thread = std::thread([&up, caller_errno] {
+      upper_thread = std::thread([&own, caller_errno] {
         errno = caller_errno;
-        up.run();
+        own.run();
       });
-      lower_end = up.first_term;
+      lower_end = own.first_term;
     } catch (const std::system_error&) {
       // No thread: one merge through all terms.
     }
@@ -965,7 +1127,8 @@ int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, c
     if (t == lower_end) {
       // The upper part, when it went through and starts where this merge
       // stands, follows this one's lists; else this merge goes on.
-      upper_thread.join();
+      if (upper_thread.joinable()) upper_thread.join();
+      if (up.runner != nullptr && up.runner->joinable()) up.runner->join();
       bool follows = up.ok;
       for (uint32_t i = 0; follows && i < src_count; ++i) {
         follows = srcs[i].term_cursor == up.start_cursor[i] && srcs[i].next_start == up.start_offset[i];
@@ -986,6 +1149,7 @@ int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, c
         }
         // The lower part's last bytes, still in its buffer, go out at close
         // just before the upper part.
+        if (up.counts != counts + t) memcpy(counts + t, up.counts, sizeof(uint32_t) * uint64_t{num_terms - t});
         writer->total += up.writer->total;
         total += up.postings;
         break;
@@ -1017,6 +1181,8 @@ int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, c
   cleanup();
   return WS_SUCCESS;
 }
+
+}  // namespace
 
 int _merge_metadata(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, const bmap_t* which_srcs,
                     const uint32_t* counts, int tgt_fd, const warm_header* tgt_hdr, wrc* w) noexcept {
@@ -1206,8 +1372,16 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
 
   // The lexicon merge reads nothing the value and column merges write, so
   // it runs on a thread of its own beside them; only its section's place
-  // in the target waits for the columns. With verbose the phases keep their
-  // order, and so do the lines they print.
+  // in the target waits for the columns. A large lexicon merge is itself
+  // split in two halves, and the upper half's posting lists are merged as
+  // soon as that half and the value merge are done. With verbose the
+  // phases keep their order, and so do the lines they print.
+  c_ptr<uint32_t> mapping;  // outlives every thread that reads it
+  early_upper early;
+  early.src_fds = src_fds;
+  early.src_hdrs = src_hdrs.get();
+  early.src_count = src_count;
+  const lex_upper_hook hook{early_upper::hook, &early};
   lexicon_merge lm;
   lm.verbose = verbose;
   lm.src_fds = src_fds;
@@ -1215,6 +1389,7 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
   lm.src_count = src_count;
   lm.lex_tpb = lex_tpb;
   lm.page_size = page_size;
+  if (!verbose && early_upper::eligible(src_hdrs.get(), src_count)) lm.hook = &hook;
   std::thread lexicon_thread;
   if (!verbose) {
     const int caller_errno = errno;  // what the merge would find in errno had it run here
@@ -1229,14 +1404,17 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
   }
   struct join_on_exit {
     std::thread& t;
+    early_upper& e;
     ~join_on_exit() {
+      if (e.values_state.load(std::memory_order_acquire) == 0) e.set_values(-1, nullptr);
       if (t.joinable()) t.join();
     }
-  } joiner{lexicon_thread};
+  } joiner{lexicon_thread, early};
   const bool lexicon_beside = lexicon_thread.joinable();
 
-  c_ptr<uint32_t> mapping(_merge_values(src_fds, src_hdrs.get(), src_count, tgt_fd, &tgt_hdr, w, tstats));
+  mapping.reset(_merge_values(src_fds, src_hdrs.get(), src_count, tgt_fd, &tgt_hdr, w, tstats));
   if (!mapping) return w->warm_rc;
+  early.set_values(1, mapping.get());
 
   if (_merge_array(src_fds, src_hdrs.get(), src_count, mapping.get(), tgt_fd, &tgt_hdr, w) != 0) return w->warm_rc;
 
@@ -1285,8 +1463,21 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
     }
   } times_joiner{times_thread};
 
-  if (_merge_all_postings_n(src_fds, src_hdrs.get(), postings_start, src_count, mapping.get(), which_srcs.get(),
-                            counts.get(), num_terms, tgt_fd, tgt_postings_start, &tgt_hdr, w) != 0) {
+  // The upper part merged early is taken when it starts where the lexicon
+  // split (with the same sections); else the merge splits as it sees fit.
+  upper_postings* ready = nullptr;
+  if (early.worker.joinable() && lm.lower_terms > 0 && lm.lower_terms < num_terms &&
+      early.terms == num_terms - lm.lower_terms &&
+      std::equal(postings_start, postings_start + src_count, early.postings_start)) {
+    early.up.first_term = lm.lower_terms;
+    early.up.runner = &early.worker;
+    ready = &early.up;
+  } else if (early.worker.joinable()) {
+    early.up.stop.store(true, std::memory_order_relaxed);
+    early.worker.join();
+  }
+  if (merge_postings(src_fds, src_hdrs.get(), postings_start, src_count, mapping.get(), which_srcs.get(),
+                     counts.get(), num_terms, tgt_fd, tgt_postings_start, &tgt_hdr, w, true, ready) != 0) {
     return w->warm_rc;
   }
   mapping.reset();

@@ -172,11 +172,14 @@ class MergeTest : public ::testing::Test {
   }
 
   // Merges the sources into a fresh target, returns its bytes.
-  MergeRun merge_files(const std::vector<bytes>& files, int tstats = 0, uint32_t tpb = 4, uint64_t page = 0) {
+  // verbose 1 runs every phase in turn on this thread (and prints the
+  // lexicon writer's lines); 0 lets the merge use its second thread.
+  MergeRun merge_files(const std::vector<bytes>& files, int tstats = 0, uint32_t tpb = 4, uint64_t page = 0,
+                       int verbose = 0) {
     std::vector<int> fds = sources(files);
     const int tfd = target();
     MergeRun r{};
-    r.rc = st_warm_slice_merge_n(0, tfd, fds.data(), static_cast<uint32_t>(fds.size()), tpb, page, &r.w, tstats);
+    r.rc = st_warm_slice_merge_n(verbose, tfd, fds.data(), static_cast<uint32_t>(fds.size()), tpb, page, &r.w, tstats);
     release();
     r.target = testutil::read_file(last_target_);
     return r;
@@ -722,6 +725,68 @@ TEST_F(PostingSplitTest, SplitMatchesOnePass) {
     EXPECT_STREQ(a.w.message, b.w.message);
   }
   EXPECT_GE(faults, 2) << "the damage should reach both parts";
+}
+
+// A merge large enough to split its lexicon (and to merge the upper half's
+// posting lists as soon as that half is done) writes the file of a merge
+// that runs every phase in turn, and fails with the same code, message and
+// source index when a source is damaged in either half of its lexicon or
+// of its posting lists.
+TEST_F(MergeTest, ThreadedMergeMatchesThePhasesInTurn) {
+  std::vector<bytes> files;
+  std::mt19937 rng(11);
+  for (int s = 0; s < 8; ++s) {
+    ModelFile m;
+    for (int i = 0; i < 500; ++i) m.values.push_back({1000 * s + 999 - i, static_cast<uint32_t>(i), 1, 2, 3, 4});
+    for (int t = 0; t < 9000; ++t) {
+      ModelTerm term{"w" + std::to_string(100000 + (t * 3 + s * 7) % 20000), {}};
+      for (uint32_t i = rng() % 5; i < 500; i += 1 + rng() % 150) term.ids.push_back(i);
+      m.terms.push_back(term);
+    }
+    std::sort(m.terms.begin(), m.terms.end(), [](const ModelTerm& a, const ModelTerm& b) { return a.term < b.term; });
+    m.terms.erase(std::unique(m.terms.begin(), m.terms.end(),
+                              [](const ModelTerm& a, const ModelTerm& b) { return a.term == b.term; }),
+                  m.terms.end());
+    testutil::fill_metadata(m);
+    files.push_back(testutil::build_index_file(m));
+  }
+  const MergeRun in_turn = merge_files(files, 0, 8, 0, 1);
+  const MergeRun threaded = merge_files(files, 0, 8, 0, 0);
+  ASSERT_EQ(in_turn.rc, 0) << in_turn.w.message;
+  ASSERT_EQ(threaded.rc, 0) << threaded.w.message;
+  EXPECT_TRUE(threaded.target == in_turn.target);
+
+  // Damage in the last source (which the pivot's source is not): a term out
+  // of order or a bad byte a quarter or three quarters into its lexicon or
+  // posting lists.
+  const testutil::ModelLayout l = testutil::layout_of(files.back());
+  struct damage {
+    const char* what;
+    uint64_t at;
+  } cases[] = {
+      {"lexicon, lower half", l.fclex + (l.postings - l.fclex) / 4},
+      {"lexicon, upper half", l.fclex + (l.postings - l.fclex) * 3 / 4},
+      {"postings, lower half", l.postings + (l.size - l.postings) / 4},
+      {"postings, upper half", l.postings + (l.size - l.postings) * 3 / 4},
+  };
+  int faults = 0;
+  for (const damage& d : cases) {
+    for (uint8_t byte : {uint8_t{0x00}, uint8_t{0x7F}, uint8_t{0xFF}}) {
+      SCOPED_TRACE(std::string(d.what) + " byte " + std::to_string(byte));
+      std::vector<bytes> bad = files;
+      bad.back()[d.at] = byte;
+      const MergeRun a = merge_files(bad, 0, 8, 0, 1);
+      const MergeRun b = merge_files(bad, 0, 8, 0, 0);
+      faults += a.rc != 0;
+      EXPECT_EQ(b.rc, a.rc);
+      EXPECT_EQ(b.w.source_index, a.w.source_index);
+      EXPECT_STREQ(b.w.message, a.w.message);
+      if (a.rc == 0) {
+        EXPECT_TRUE(b.target == a.target);
+      }
+    }
+  }
+  EXPECT_GE(faults, 6);
 }
 
 }  // namespace
