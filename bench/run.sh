@@ -227,7 +227,11 @@ line = "Ratios (medians): optimize/floor %.2f" % (med["optimize"] / med["floor"]
 if "peer" in med:
     line += "; peer/optimize %.2f (optimize merges %.1f× the peer's postings per second)" % (
         med["peer"] / med["optimize"], med["peer"] / med["optimize"])
-line += "; CPU (user + system) optimize/floor %.2f" % (cpu["optimize"] / max(cpu["floor"], 0.001))
+# /usr/bin/time counts CPU in hundredths: a floor below that has no ratio.
+if cpu["floor"] >= 0.01:
+    line += "; CPU (user + system) optimize/floor %.2f" % (cpu["optimize"] / cpu["floor"])
+else:
+    line += "; CPU (user + system) optimize %.2f s, floor under 0.01 s" % cpu["optimize"]
 if "peer" in cpu:
     line += ", peer/optimize %.2f" % (cpu["peer"] / cpu["optimize"])
 print(line + ".")
