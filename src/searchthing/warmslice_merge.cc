@@ -150,6 +150,26 @@ uint32_t* dense_blocks(const uint32_t* slice, uint32_t n, uint32_t* table) noexc
   return table;
 }
 
+// The dense-block tables of all sources, one after the other (each source's
+// part of the mapping has its own). They are a shortcut only: without
+// memory for them (null) every id goes through the mapping.
+c_ptr<uint32_t> dense_tables(const warm_header* src_hdrs, uint32_t src_count, const uint32_t* mapping) noexcept {
+  uint64_t entries = 0;
+  for (uint32_t i = 0; i < src_count; ++i)
+    entries += (uint64_t{hdr_num_values(&src_hdrs[i])} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+  c_ptr<uint32_t> tables = c_alloc<uint32_t>(entries, false);
+  if (!tables) return tables;
+  uint32_t* next = tables.get();
+  const uint32_t* slice = mapping;
+  for (uint32_t i = 0; i < src_count; ++i) {
+    const uint32_t n = hdr_num_values(&src_hdrs[i]);
+    dense_blocks(slice, n, next);
+    next += (uint64_t{n} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+    slice += n;
+  }
+  return tables;
+}
+
 struct posting_src {
   plist_reader reader;
   uint32_t head;         // target id of the current posting, UINT_MAX when none
@@ -988,20 +1008,7 @@ struct early_upper {
       state = values_state.load(std::memory_order_acquire);
     }
     if (state < 0) return;
-    uint64_t dense_entries = 0;
-    for (uint32_t i = 0; i < src_count; ++i)
-      dense_entries += (uint64_t{hdr_num_values(&src_hdrs[i])} + DENSE_BLOCK - 1) / DENSE_BLOCK;
-    dense = c_alloc<uint32_t>(dense_entries, false);
-    if (dense) {
-      uint32_t* next = dense.get();
-      const uint32_t* slice = mapping;
-      for (uint32_t i = 0; i < src_count; ++i) {
-        const uint32_t n = hdr_num_values(&src_hdrs[i]);
-        dense_blocks(slice, n, next);
-        next += (uint64_t{n} + DENSE_BLOCK - 1) / DENSE_BLOCK;
-        slice += n;
-      }
-    }
+    dense = dense_tables(src_hdrs, src_count, mapping);
     if (!up.prepare(src_fds, src_hdrs, postings_start, mapping, dense.get(), list_bytes)) return;
     up.run();
   }
@@ -1063,22 +1070,7 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
   };
   _plist_writer_open(writer, tgt_fd, tgt_postings_start);
 
-  // The dense-block tables are a shortcut only: without memory for them
-  // every id goes through the mapping.
-  uint64_t dense_entries = 0;
-  for (uint32_t i = 0; i < src_count; ++i)
-    dense_entries += (uint64_t{hdr_num_values(&src_hdrs[i])} + DENSE_BLOCK - 1) / DENSE_BLOCK;
-  c_ptr<uint32_t> dense_owner = c_alloc<uint32_t>(dense_entries, false);
-  if (dense_owner) {
-    uint32_t* next = dense_owner.get();
-    const uint32_t* slice = mapping;
-    for (uint32_t i = 0; i < src_count; ++i) {
-      const uint32_t n = hdr_num_values(&src_hdrs[i]);
-      dense_blocks(slice, n, next);
-      next += (uint64_t{n} + DENSE_BLOCK - 1) / DENSE_BLOCK;
-      slice += n;
-    }
-  }
+  const c_ptr<uint32_t> dense_owner = dense_tables(src_hdrs, src_count, mapping);
   int rc = open_posting_sources(srcs, src_fds, src_hdrs, postings_start, src_count, mapping, dense_owner.get(), w);
   if (rc != 0) {
     cleanup();
@@ -1184,6 +1176,25 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
 
 }  // namespace
 
+namespace {
+
+// Opens a reader over each source's term metadata (full records), 341 at a
+// time; 0, or the first failure's code recorded with its source's index.
+int open_metadata_readers(ar_reader* readers, const int* src_fds, const warm_header* src_hdrs, uint32_t src_count,
+                          wrc* w) noexcept {
+  for (uint32_t si = 0; si < src_count; ++si) {
+    ST_ASSERT_TEXT((_has_full_metadata(&src_hdrs[si]) ? TERM_METADATA_SZ : SHORT_METADATA_SZ) == TERM_METADATA_SZ,
+                   "(_has_full_metadata(&src_hdrs[si]) ? sizeof( struct st_term_metadata ) : sizeof( unsigned )) "
+                   "== sizeof( struct st_term_metadata )");
+    const int rc = _ar_open(&readers[si], src_fds[si], _offset_metadata(&src_hdrs[si]), TERM_METADATA_SZ,
+                            hdr_num_terms(&src_hdrs[si]), 341, nullptr);
+    if (rc != 0) return _set_rc_verbose(w, rc, static_cast<int>(si), "_ar_open");
+  }
+  return 0;
+}
+
+}  // namespace
+
 int _merge_metadata(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, const bmap_t* which_srcs,
                     const uint32_t* counts, int tgt_fd, const warm_header* tgt_hdr, wrc* w) noexcept {
   c_ptr<ar_reader> readers_owner = c_alloc<ar_reader>(src_count, true);
@@ -1201,17 +1212,9 @@ int _merge_metadata(const int* src_fds, const warm_header* src_hdrs, uint32_t sr
     for (uint32_t i = 0; i < src_count; ++i) _ar_close(&readers[i]);
     if (out.buf != nullptr) _aw_close(&out);
   };
-  for (uint32_t si = 0; si < src_count; ++si) {
-    ST_ASSERT_TEXT((_has_full_metadata(&src_hdrs[si]) ? TERM_METADATA_SZ : SHORT_METADATA_SZ) == TERM_METADATA_SZ,
-                   "(_has_full_metadata(&src_hdrs[si]) ? sizeof( struct st_term_metadata ) : sizeof( unsigned )) "
-                   "== sizeof( struct st_term_metadata )");
-    rc = _ar_open(&readers[si], src_fds[si], _offset_metadata(&src_hdrs[si]), TERM_METADATA_SZ,
-                  hdr_num_terms(&src_hdrs[si]), 341, nullptr);
-    if (rc != 0) {
-      _set_rc_verbose(w, rc, static_cast<int>(si), "_ar_open");
-      cleanup();
-      return rc;
-    }
+  if ((rc = open_metadata_readers(readers, src_fds, src_hdrs, src_count, w)) != 0) {
+    cleanup();
+    return rc;
   }
   const uint32_t num_terms = hdr_num_terms(tgt_hdr);
   for (uint32_t t = 0; t < num_terms; ++t) {
@@ -1285,17 +1288,7 @@ struct metadata_times {
         for (uint32_t i = 0; i < n; ++i) _ar_close(&r[i]);
       }
     } closer{readers, src_count};
-    for (uint32_t si = 0; si < src_count; ++si) {
-      ST_ASSERT_TEXT((_has_full_metadata(&src_hdrs[si]) ? TERM_METADATA_SZ : SHORT_METADATA_SZ) == TERM_METADATA_SZ,
-                     "(_has_full_metadata(&src_hdrs[si]) ? sizeof( struct st_term_metadata ) : sizeof( unsigned )) "
-                     "== sizeof( struct st_term_metadata )");
-      rc = _ar_open(&readers[si], src_fds[si], _offset_metadata(&src_hdrs[si]), TERM_METADATA_SZ,
-                    hdr_num_terms(&src_hdrs[si]), 341, nullptr);
-      if (rc != 0) {
-        _set_rc_verbose(&w, rc, static_cast<int>(si), "_ar_open");
-        return;
-      }
-    }
+    if ((rc = open_metadata_readers(readers, src_fds, src_hdrs, src_count, &w)) != 0) return;
     int32_t* out = times.get();
     for (uint32_t t = 0; t < num_terms; ++t, done = t) {
       const bmap_t bm = which[t];

@@ -656,24 +656,26 @@ class PostingSplitTest : public MergeTest {
   }
 };
 
-// Sources of many terms each: a merge large enough to be split.
-std::vector<ModelFile> split_sources() {
-  std::vector<ModelFile> out;
-  std::mt19937 rng(7);
-  for (int s = 0; s < 5; ++s) {
+// n index files of many terms each (terms drawn with stride `step` from a
+// vocabulary of `vocab`, so that files share most of them), each of
+// `values` values covering its own stretch of time: merges large enough to
+// be split.
+std::vector<bytes> many_term_files(int n, int values, int terms, int vocab, int step, unsigned seed) {
+  std::vector<bytes> out;
+  std::mt19937 rng(seed);
+  for (int s = 0; s < n; ++s) {
     ModelFile m;
-    for (int i = 0; i < 600; ++i) m.values.push_back({1000 * s + 999 - i, static_cast<uint32_t>(i), 1, 2, 3, 4});
-    for (int t = 0; t < 2500; ++t) {
-      ModelTerm term{"term" + std::to_string(10000 + (t * 7 + s * 3) % 6000), {}};
-      for (uint32_t i = rng() % 7; i < 600; i += 1 + rng() % 200) term.ids.push_back(i);
+    for (int i = 0; i < values; ++i) m.values.push_back({1000 * s + 999 - i, static_cast<uint32_t>(i), 1, 2, 3, 4});
+    std::set<int> names;
+    for (int t = 0; t < terms; ++t) names.insert((t * step + s * 7) % vocab);
+    for (int name : names) {
+      ModelTerm term{"w" + std::to_string(100000 + name), {}};
+      const auto v = static_cast<uint32_t>(values);
+      for (uint32_t i = rng() % 5; i < v; i += 1 + rng() % (v / 3)) term.ids.push_back(i);
       m.terms.push_back(term);
     }
-    std::sort(m.terms.begin(), m.terms.end(), [](const ModelTerm& a, const ModelTerm& b) { return a.term < b.term; });
-    m.terms.erase(std::unique(m.terms.begin(), m.terms.end(),
-                              [](const ModelTerm& a, const ModelTerm& b) { return a.term == b.term; }),
-                  m.terms.end());
     testutil::fill_metadata(m);
-    out.push_back(m);
+    out.push_back(testutil::build_index_file(m));
   }
   return out;
 }
@@ -683,8 +685,7 @@ std::vector<ModelFile> split_sources() {
 // above the point where the upper part starts (where the upper part gives
 // up and the single pass takes over).
 TEST_F(PostingSplitTest, SplitMatchesOnePass) {
-  std::vector<bytes> files;
-  for (const ModelFile& m : split_sources()) files.push_back(testutil::build_index_file(m));
+  const std::vector<bytes> files = many_term_files(5, 600, 2500, 6000, 7, 7);
   uint32_t split_term = 0;
   PostingRun one = run(files, false, &split_term);
   ASSERT_EQ(one.rc, 0) << one.w.message;
@@ -733,23 +734,7 @@ TEST_F(PostingSplitTest, SplitMatchesOnePass) {
 // source index when a source is damaged in either half of its lexicon or
 // of its posting lists.
 TEST_F(MergeTest, ThreadedMergeMatchesThePhasesInTurn) {
-  std::vector<bytes> files;
-  std::mt19937 rng(11);
-  for (int s = 0; s < 8; ++s) {
-    ModelFile m;
-    for (int i = 0; i < 500; ++i) m.values.push_back({1000 * s + 999 - i, static_cast<uint32_t>(i), 1, 2, 3, 4});
-    for (int t = 0; t < 9000; ++t) {
-      ModelTerm term{"w" + std::to_string(100000 + (t * 3 + s * 7) % 20000), {}};
-      for (uint32_t i = rng() % 5; i < 500; i += 1 + rng() % 150) term.ids.push_back(i);
-      m.terms.push_back(term);
-    }
-    std::sort(m.terms.begin(), m.terms.end(), [](const ModelTerm& a, const ModelTerm& b) { return a.term < b.term; });
-    m.terms.erase(std::unique(m.terms.begin(), m.terms.end(),
-                              [](const ModelTerm& a, const ModelTerm& b) { return a.term == b.term; }),
-                  m.terms.end());
-    testutil::fill_metadata(m);
-    files.push_back(testutil::build_index_file(m));
-  }
+  const std::vector<bytes> files = many_term_files(8, 500, 9000, 20000, 3, 11);
   const MergeRun in_turn = merge_files(files, 0, 8, 0, 1);
   const MergeRun threaded = merge_files(files, 0, 8, 0, 0);
   ASSERT_EQ(in_turn.rc, 0) << in_turn.w.message;
