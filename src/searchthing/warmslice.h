@@ -186,6 +186,20 @@ int _next(plist_reader* r, uint32_t* value) noexcept;
 // bytes hold without another read and without a fault, so that a fault or
 // a read happens at the same value as with _next. *n values are stored.
 int _next_batch(plist_reader* r, uint32_t* values, uint32_t cap, uint32_t* n) noexcept;
+// Moves the current list's next values v, as long as v <= limit, into the
+// writer as target values v + delta: the same reads, bytes, writes and
+// counts as taking each with _next and putting v + delta with
+// _plist_writer_put, without decoding the values one by one where the
+// codes can be copied. For a stretch of source values that a mapping moves
+// by delta alike. The writer's last value must be the reader's current
+// value plus delta, with at least one value read from the list and put.
+// Stops early (0) at a code _next would refuse, leaving it to _next;
+// otherwise 0, -8 (read) or -9 (write).
+int _plist_move(plist_reader* r, plw* w, uint32_t limit, uint32_t delta) noexcept;
+// A list just positioned that holds one value, coded in the bytes already
+// buffered with no read due: takes it as _next would (true). Otherwise
+// (false) the reader is untouched.
+bool _take_single(plist_reader* r, uint32_t* value) noexcept;
 int _seek(plist_reader* r, uint32_t target, uint32_t* value) noexcept;
 void close_plist_reader(plist_reader* r) noexcept;
 

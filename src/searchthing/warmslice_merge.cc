@@ -128,43 +128,67 @@ inline constexpr uint32_t PLO_CACHE_ENTRIES = 0x100000;
 // are independent of each other, so their cache misses overlap instead of
 // following one another.
 inline constexpr uint32_t ID_BATCH = 256;
+// A list's first batch is short: most lists are, and where a long one runs
+// through ids the mapping moves alike, the rest is moved without a batch.
+inline constexpr uint32_t FIRST_BATCH = 16;
 // Sources that cover their own stretch of time (as successive slices of an
 // indexer do) map runs of consecutive ids onto consecutive target ids. For
 // such blocks a table 1/64 the size of the mapping gives the target id
 // without touching the mapping, so the part of the mapping a merge keeps
-// hot fits the processor's caches.
+// hot fits the processor's caches; and how far the ids keep moving alike,
+// so that a list's postings there can be moved without translating them.
 inline constexpr uint32_t DENSE_SHIFT = 6;
 inline constexpr uint32_t DENSE_BLOCK = 1u << DENSE_SHIFT;
 inline constexpr uint32_t NOT_DENSE = UINT_MAX;
 
-// Fills table (one entry per block of n mapping entries) and returns it.
-uint32_t* dense_blocks(const uint32_t* slice, uint32_t n, uint32_t* table) noexcept {
-  for (uint32_t b = 0; b * uint64_t{DENSE_BLOCK} < n; ++b) {
+struct id_block {
+  uint32_t base;   // target id of the block's first id when the block is dense, else NOT_DENSE
+  uint32_t reach;  // ids from the block's first up to (not including) reach map to base onwards
+};
+
+// Fills table (one entry per block of n mapping entries).
+void dense_blocks(const uint32_t* slice, uint32_t n, id_block* table) noexcept {
+  const uint32_t blocks = static_cast<uint32_t>((uint64_t{n} + DENSE_BLOCK - 1) / DENSE_BLOCK);
+  for (uint32_t b = 0; b < blocks; ++b) {
     const uint32_t first = b * DENSE_BLOCK;
     const uint32_t len = std::min(DENSE_BLOCK, n - first);
     const uint32_t base = slice[first];
     bool dense = base <= UINT_MAX - DENSE_BLOCK;
     for (uint32_t k = 1; dense && k < len; ++k) dense = slice[first + k] == base + k;
-    table[b] = dense ? base : NOT_DENSE;
+    table[b].base = dense ? base : NOT_DENSE;
   }
-  return table;
+  // A dense block reaches on through the next one when that one goes on
+  // where it ends.
+  for (uint32_t b = blocks; b-- > 0;) {
+    const uint32_t first = b * DENSE_BLOCK;
+    if (table[b].base == NOT_DENSE) {
+      table[b].reach = first;
+    } else if (b + 1 < blocks && table[b + 1].base == table[b].base + DENSE_BLOCK) {
+      table[b].reach = table[b + 1].reach;
+    } else {
+      table[b].reach = first + std::min(DENSE_BLOCK, n - first);
+    }
+  }
+}
+
+inline uint64_t dense_block_count(uint32_t num_values) noexcept {
+  return (uint64_t{num_values} + DENSE_BLOCK - 1) / DENSE_BLOCK;
 }
 
 // The dense-block tables of all sources, one after the other (each source's
 // part of the mapping has its own). They are a shortcut only: without
 // memory for them (null) every id goes through the mapping.
-c_ptr<uint32_t> dense_tables(const warm_header* src_hdrs, uint32_t src_count, const uint32_t* mapping) noexcept {
+c_ptr<id_block> dense_tables(const warm_header* src_hdrs, uint32_t src_count, const uint32_t* mapping) noexcept {
   uint64_t entries = 0;
-  for (uint32_t i = 0; i < src_count; ++i)
-    entries += (uint64_t{hdr_num_values(&src_hdrs[i])} + DENSE_BLOCK - 1) / DENSE_BLOCK;
-  c_ptr<uint32_t> tables = c_alloc<uint32_t>(entries, false);
+  for (uint32_t i = 0; i < src_count; ++i) entries += dense_block_count(hdr_num_values(&src_hdrs[i]));
+  c_ptr<id_block> tables = c_alloc<id_block>(entries, false);
   if (!tables) return tables;
-  uint32_t* next = tables.get();
+  id_block* next = tables.get();
   const uint32_t* slice = mapping;
   for (uint32_t i = 0; i < src_count; ++i) {
     const uint32_t n = hdr_num_values(&src_hdrs[i]);
     dense_blocks(slice, n, next);
-    next += (uint64_t{n} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+    next += dense_block_count(n);
     slice += n;
   }
   return tables;
@@ -176,7 +200,7 @@ struct posting_src {
   uint32_t term_cursor;  // next source term to read
   uint64_t next_start;   // where that term's list starts: the end of the one before
   const uint32_t* slice; // this source's part of the id mapping
-  const uint32_t* dense; // per block of ids: its first target id if dense, else NOT_DENSE
+  const id_block* dense; // per block of ids, or null
   uint32_t num_values;   // ids at or above this are corrupt
   bool open;
   uint32_t pos;          // ids[pos] is head
@@ -197,14 +221,29 @@ struct order_entry {
 // from a read fault. A fault further into the batch is held back until the
 // postings before it are taken, so faults surface in the same order as when
 // reading one id at a time.
-int fill(posting_src* s, bool* beyond) noexcept {
+int fill(posting_src* s, bool* beyond, uint32_t cap = ID_BATCH) noexcept {
   *beyond = false;
   s->pos = 0;
   s->cnt = 0;
   s->held_rc = WS_SUCCESS;
   s->ended = false;
   uint32_t n = 0;
-  int rc = _next_batch(&s->reader, s->ids, ID_BATCH, &n);
+  // Most lists hold a single posting (a term seen once in a source).
+  uint32_t id;
+  if (_take_single(&s->reader, &id)) {
+    if (id >= s->num_values) {
+      *beyond = true;
+      return WS_EDATA;
+    }
+    const id_block* dense = s->dense;
+    const uint32_t base = dense != nullptr ? dense[id >> DENSE_SHIFT].base : NOT_DENSE;
+    s->ids[0] = base != NOT_DENSE ? base + (id & (DENSE_BLOCK - 1)) : s->slice[id];
+    s->cnt = 1;
+    s->ended = true;
+    s->head = s->ids[0];
+    return WS_SUCCESS;
+  }
+  int rc = _next_batch(&s->reader, s->ids, cap, &n);
   if (rc != 0) return rc;
   if (s->ids[0] == UINT_MAX) {
     s->head = UINT_MAX;
@@ -215,11 +254,11 @@ int fill(posting_src* s, bool* beyond) noexcept {
   const uint32_t num_values = s->num_values;
   uint32_t* ids = s->ids;
   uint32_t good = 0;
-  if (const uint32_t* dense = s->dense) {
+  if (const id_block* dense = s->dense) {
     for (; good < n; ++good) {
       const uint32_t id = ids[good];
       if (id >= num_values) break;
-      const uint32_t base = dense[id >> DENSE_SHIFT];
+      const uint32_t base = dense[id >> DENSE_SHIFT].base;
       ids[good] = base != NOT_DENSE ? base + (id & (DENSE_BLOCK - 1)) : slice[id];
     }
   } else {
@@ -619,7 +658,7 @@ namespace {
 // and points the sources at their part of the id mapping.
 int open_posting_sources(posting_src* srcs, const int* src_fds, const warm_header* src_hdrs,
                          const uint64_t* postings_start, uint32_t src_count, const uint32_t* mapping,
-                         const uint32_t* dense, wrc* w) noexcept {
+                         const id_block* dense, wrc* w) noexcept {
   const uint32_t* slice = mapping;
   for (uint32_t i = 0; i < src_count; ++i) {
     const warm_header* sh = &src_hdrs[i];
@@ -638,7 +677,7 @@ int open_posting_sources(posting_src* srcs, const int* src_fds, const warm_heade
     srcs[i].slice = slice;
     srcs[i].num_values = hdr_num_values(sh);
     srcs[i].dense = dense;
-    if (dense != nullptr) dense += (uint64_t{srcs[i].num_values} + DENSE_BLOCK - 1) / DENSE_BLOCK;
+    if (dense != nullptr) dense += dense_block_count(srcs[i].num_values);
     slice += srcs[i].num_values;
   }
   return WS_SUCCESS;
@@ -672,7 +711,7 @@ int merge_term_postings(posting_src* srcs, uint32_t src_count, bmap_t bm, plw* w
     s->term_cursor++;
     s->next_start += s->reader.left;
     bool beyond = false;
-    if ((rc = fill(s, &beyond)) != 0) {
+    if ((rc = fill(s, &beyond, FIRST_BATCH)) != 0) {
       _set_rc_verbose(w, rc, static_cast<int>(i),
                       beyond ? "src_tsval_id beyond the values in _merge_all_postings"
                              : "_next in _merge_all_postings");
@@ -717,6 +756,22 @@ int merge_term_postings(posting_src* srcs, uint32_t src_count, bmap_t bm, plw* w
         break;
       }
       best->pos = cnt - 1;
+      if (best->held_rc == 0 && !best->ended && best->dense != nullptr) {
+        // The batch went out whole. Where the list goes on inside a stretch
+        // of ids that the mapping moves alike, its postings up to the bound
+        // go from the reader to the writer without a batch.
+        const uint32_t cur = best->reader.current;
+        const uint32_t target = best->ids[cnt - 1];  // cur's target id, at most bound
+        const uint32_t reach = best->dense[cur >> DENSE_SHIFT].reach;
+        if (cur < reach) {
+          const uint64_t room = bound == UINT_MAX ? UINT_MAX : uint64_t{bound} - target;
+          const auto limit = static_cast<uint32_t>(std::min<uint64_t>(reach - 1, uint64_t{cur} + room));
+          if ((rc = _plist_move(&best->reader, writer, limit, target - cur)) != 0) {
+            _set_rc(w, rc);
+            return rc;
+          }
+        }
+      }
       if ((rc = advance(best)) != 0) {
         _set_rc(w, rc);
           return rc;
@@ -787,7 +842,7 @@ struct upper_postings {
   // Memory for num_terms terms of output from sources holding list_bytes
   // bytes of lists, the readers at start_cursor and start_offset.
   bool prepare(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
-               const uint32_t* mapping, const uint32_t* dense, uint64_t list_bytes) noexcept {
+               const uint32_t* mapping, const id_block* dense, uint64_t list_bytes) noexcept {
     srcs = c_alloc<posting_src>(src_count, true);
     writer = c_alloc<plw>(1, false);
     const uint64_t cap = std::min<uint64_t>(UPPER_MAX_BYTES, 2 * list_bytes + (1u << 20));
@@ -891,7 +946,7 @@ namespace {
 // source's term there, its memory sized by its sources' list bytes. False
 // when there is no such part or it cannot be placed.
 bool place_upper(upper_postings* up, const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
-                 uint32_t src_count, const uint32_t* mapping, const uint32_t* dense, const bmap_t* which,
+                 uint32_t src_count, const uint32_t* mapping, const id_block* dense, const bmap_t* which,
                  uint32_t* counts, uint32_t num_terms) noexcept {
   uint64_t sum = 0;
   const uint32_t first = _posting_split_term(src_fds, src_hdrs, src_count, which, num_terms, up->start_cursor,
@@ -920,7 +975,7 @@ struct early_upper {
   const uint32_t* mapping = nullptr;
   upper_postings up;
   c_ptr<uint32_t> counts;
-  c_ptr<uint32_t> dense;
+  c_ptr<id_block> dense;
   uint64_t postings_start[32] = {};
   uint64_t list_bytes = 0;
 
@@ -1070,7 +1125,7 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
   };
   _plist_writer_open(writer, tgt_fd, tgt_postings_start);
 
-  const c_ptr<uint32_t> dense_owner = dense_tables(src_hdrs, src_count, mapping);
+  const c_ptr<id_block> dense_owner = dense_tables(src_hdrs, src_count, mapping);
   int rc = open_posting_sources(srcs, src_fds, src_hdrs, postings_start, src_count, mapping, dense_owner.get(), w);
   if (rc != 0) {
     cleanup();

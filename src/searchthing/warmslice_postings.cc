@@ -336,6 +336,27 @@ inline int next_in_buffer(plist_reader* r, uint32_t* value) noexcept {
 
 }  // namespace
 
+namespace {
+
+// Reads the next 4096 bytes of the postings from the current position when
+// fewer than five are buffered and the buffer does not reach the end of
+// the postings: 0, or -8 when the read gives nothing.
+inline int refill_if_short(plist_reader* r) noexcept {
+  if (r->valid - r->pos >= 5 || r->buf_start + r->valid >= r->postings_size) return WS_SUCCESS;
+  r->buf_start += r->pos;
+  const uint64_t want = std::min<uint64_t>(PLR_BUF_SZ, r->postings_size - r->buf_start);
+  ssize_t got = st_timed_pread_msg(r->fd, r->buf, want, r->postings_offset + r->buf_start, r->timing, 1);
+  r->pos = 0;
+  if (got < 1) {
+    r->valid = 0;
+    return WS_EREAD;
+  }
+  r->valid = static_cast<uint32_t>(got);
+  return WS_SUCCESS;
+}
+
+}  // namespace
+
 int _next(plist_reader* r, uint32_t* value) noexcept {
   *value = END_OF_LIST;
   if (r->pending > 0) {
@@ -346,18 +367,27 @@ int _next(plist_reader* r, uint32_t* value) noexcept {
     return WS_SUCCESS;
   }
   if (r->left == 0) return WS_SUCCESS;
-  if (r->valid - r->pos < 5 && r->buf_start + r->valid < r->postings_size) {
-    r->buf_start += r->pos;
-    const uint64_t want = std::min<uint64_t>(PLR_BUF_SZ, r->postings_size - r->buf_start);
-    ssize_t got = st_timed_pread_msg(r->fd, r->buf, want, r->postings_offset + r->buf_start, r->timing, 1);
-    r->pos = 0;
-    if (got < 1) {
-      r->valid = 0;
-      return WS_EREAD;
-    }
-    r->valid = static_cast<uint32_t>(got);
-  }
+  if (int rc = refill_if_short(r); rc != 0) return rc;
   return next_in_buffer(r, value);
+}
+
+bool _take_single(plist_reader* r, uint32_t* value) noexcept {
+  // _next would decode the code from the buffer as it stands: no run, no
+  // read due (five bytes buffered or the buffer reaching the end of the
+  // postings), the whole list buffered.
+  if (r->returned != 0 || r->pending != 0 || r->left == 0 || r->left > 5 || r->left > r->valid - r->pos ||
+      (r->valid - r->pos < 5 && r->buf_start + r->valid < r->postings_size))
+    return false;
+  const uint8_t* p = r->buf + r->pos;
+  uint32_t v;
+  const uint32_t n = vbe_get(p, p + r->left, &v);
+  if (n == 0 || n != r->left || v > END_OF_LIST - 1 - r->current) return false;
+  r->pos += n;
+  r->left = 0;
+  r->returned = 1;
+  r->current += v;
+  *value = r->current;
+  return true;
 }
 
 int _next_batch(plist_reader* r, uint32_t* values, uint32_t cap, uint32_t* n) noexcept {
@@ -424,6 +454,156 @@ int _next_batch(plist_reader* r, uint32_t* values, uint32_t cap, uint32_t* n) no
   r->pending = pending;
   *n = k;
   return WS_SUCCESS;
+}
+
+namespace {
+
+constexpr uint64_t BYTES_01 = 0x0101010101010101ull;
+constexpr uint64_t BYTES_80 = 0x8080808080808080ull;
+
+// Eight one-byte gap codes of 2 to 127 each (no run, no longer code, no gap
+// a writer would have made a run of): true, and their sum in *sum.
+inline bool eight_short_gaps(const uint8_t* p, uint32_t* sum) noexcept {
+  uint64_t x;
+  memcpy(&x, p, 8);
+  // A byte below 2 sets its high bit in x - 2 while its own is clear.
+  if ((x & BYTES_80) != 0 || ((x - 2 * BYTES_01) & ~x & BYTES_80) != 0) return false;
+  const uint64_t pairs = (x & 0x00FF00FF00FF00FFull) + ((x >> 8) & 0x00FF00FF00FF00FFull);
+  *sum = static_cast<uint32_t>((pairs * 0x0001000100010001ull) >> 48);
+  return true;
+}
+
+}  // namespace
+
+int _plist_move(plist_reader* r, plw* w, uint32_t limit, uint32_t delta) noexcept {
+  uint32_t cur = r->current;
+  uint32_t pending = r->pending;
+  uint32_t returned = r->returned;
+  uint32_t bytes = w->bytes;
+  uint64_t total = w->total;
+  uint32_t count = w->count_forterm;
+  uint32_t run = w->run;
+  uint8_t* const out = w->buf;
+  int rc = WS_SUCCESS;
+  limit = std::max(limit, cur);  // nothing at or below the current value is left
+  // What _next and _plist_writer_put would each do for the value, with the
+  // target value cur + delta: a gap of 1 lengthens the writer's run, a gap
+  // of 0 is a duplicate, any other gap is written as it was read.
+  auto emit_gap = [&](uint32_t gap) noexcept {
+    if (run > 0) {
+      out[bytes] = 0;
+      const uint32_t m = 1 + st_encode_to_vbe(out + bytes + 1, run);
+      bytes += m;
+      total += m;
+      run = 0;
+    }
+    const uint32_t m = st_encode_to_vbe(out + bytes, gap);
+    bytes += m;
+    total += m;
+    count++;
+  };
+  bool stop = false;
+  while (!stop) {
+    if (pending > 0) {
+      if (cur >= limit) break;
+      const uint32_t take = std::min(pending, limit - cur);
+      cur += take;
+      pending -= take;
+      returned += take;
+      run += take;
+      count += take;
+      if (pending > 0) break;
+    }
+    if (r->left == 0) break;
+    if ((rc = refill_if_short(r)) != 0) break;
+    // Codes starting before safe are decoded from the buffer as it stands:
+    // _next would read nothing for them (five bytes left or the buffer at
+    // the end of the postings), and they lie in the list.
+    const uint8_t* const buf = r->buf;
+    const bool at_end = r->buf_start + r->valid >= r->postings_size;
+    const uint32_t list_end = r->pos + static_cast<uint32_t>(std::min<uint64_t>(r->valid - r->pos, r->left));
+    const uint32_t safe = at_end ? list_end : std::min(list_end, r->valid >= 4 ? r->valid - 4 : 0);
+    if (safe <= r->pos) break;  // left to _next, which refuses it
+    uint32_t q = r->pos;
+    while (q < safe) {
+      // Eight one-byte gaps at once while none of them could need a read,
+      // a flush or a run: the bytes are those a writer makes of them.
+      uint32_t sum;
+      if (run == 0 && q + 8 <= list_end && (at_end || q + 12 <= r->valid) &&
+          bytes + 8 + PLW_MARGIN < PLW_BUF_SZ + 1 && eight_short_gaps(buf + q, &sum) && sum <= limit - cur) {
+        memcpy(out + bytes, buf + q, 8);
+        bytes += 8;
+        total += 8;
+        count += 8;
+        returned += 8;
+        cur += sum;
+        q += 8;
+        continue;
+      }
+      const uint8_t b = buf[q];
+      uint32_t k;
+      if (b == 0) {
+        // A run: the next value is one above, k - 1 more follow.
+        const uint32_t n = vbe_get(buf + q + 1, buf + list_end, &k);
+        if (n == 0 || k == 0 || k > END_OF_LIST - 1 - cur || cur >= limit) {
+          stop = true;
+          break;
+        }
+        q += 1 + n;
+        cur++;
+        returned++;
+        run++;
+        count++;
+        pending = k - 1;
+        break;
+      }
+      if (b < 0x80) {
+        k = b;
+        if (k > limit - cur) {
+          stop = true;
+          break;
+        }
+        q++;
+      } else {
+        const uint32_t n = vbe_get(buf + q, buf + list_end, &k);
+        if (n == 0 || k > END_OF_LIST - 1 - cur || k > limit - cur) {
+          stop = true;
+          break;
+        }
+        q += n;
+      }
+      returned++;
+      cur += k;
+      if (k == 1) {
+        run++;
+        count++;
+        continue;
+      }
+      if (k == 0) continue;  // the writer drops a repeated value
+      emit_gap(k);
+      if (bytes + PLW_MARGIN >= PLW_BUF_SZ + 1) {
+        w->bytes = bytes;
+        if (!flush_out(w, bytes)) {
+          rc = WS_EWRITE;  // buffer kept
+          stop = true;
+          break;
+        }
+        w->offset += bytes;
+        bytes = 0;
+      }
+    }
+    r->left -= q - r->pos;
+    r->pos = q;
+  }
+  r->current = cur;
+  r->pending = pending;
+  r->returned = returned;
+  w->bytes = bytes;
+  w->total = total;
+  w->count_forterm = count;
+  w->run = run;
+  w->last_value = cur + delta;
+  return rc;
 }
 
 int _seek(plist_reader* r, uint32_t target, uint32_t* value) noexcept {
