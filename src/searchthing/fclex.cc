@@ -129,8 +129,25 @@ int _fclex_decode_term(const uint8_t* block, uint64_t block_sz, uint64_t* off, u
   if (suffix > block_sz - pos) return WS_EDATA;
   uint64_t total = prefix + suffix;
   if (total == 0 || total > MAX_TERM_LEN) return WS_EDATA;
-  if (suffix <= 16) {
-    // Most suffixes are a few bytes: checked while copied.
+  if (suffix <= 16 && block_sz - pos >= 16 && prefix + 16 <= TERM_BUF_SZ) {
+    // Most suffixes are a few bytes: sixteen are copied at once (the term
+    // buffer has room past the term, which ends in its NUL below), and only
+    // the suffix's own bytes are checked for a NUL.
+    uint64_t lo;
+    uint64_t hi;
+    memcpy(&lo, block + pos, 8);
+    memcpy(&hi, block + pos + 8, 8);
+    constexpr uint64_t ONES = 0x0101010101010101ull;
+    constexpr uint64_t HIGHS = 0x8080808080808080ull;
+    // Flags every zero byte (and possibly bytes after one, never before).
+    const uint64_t zlo = (lo - ONES) & ~lo & HIGHS;
+    const uint64_t zhi = (hi - ONES) & ~hi & HIGHS;
+    const uint64_t mlo = suffix >= 8 ? ~uint64_t{0} : (uint64_t{1} << (8 * suffix)) - 1;
+    const uint64_t mhi = suffix <= 8 ? 0 : suffix == 16 ? ~uint64_t{0} : (uint64_t{1} << (8 * (suffix - 8))) - 1;
+    if (((zlo & mlo) | (zhi & mhi)) != 0) return WS_EDATA;
+    memcpy(term + prefix, &lo, 8);
+    memcpy(term + prefix + 8, &hi, 8);
+  } else if (suffix <= 16) {
     for (uint64_t k = 0; k < suffix; ++k) {
       const uint8_t c = block[pos + k];
       if (c == 0) return WS_EDATA;

@@ -415,6 +415,44 @@ TEST(FclexDamage, MalformedBlocksGiveDataError) {
   }
 }
 
+// A term's suffix is copied many bytes at a time: a NUL anywhere in it is
+// refused, a NUL or anything else just past it is not, whether the block
+// ends right after the suffix or goes on.
+TEST(FclexDamage, NulInsideASuffixOnlyIsRefused) {
+  const std::string prev = "source::/var/log/";
+  for (uint32_t suffix = 1; suffix <= 20; ++suffix) {
+    for (int tail : {0, 1, 24}) {  // bytes after the suffix: none, a NUL, 24 NULs
+      for (int nul = -1; nul < static_cast<int>(suffix); ++nul) {
+        bytes block = {8, static_cast<uint8_t>(suffix)};  // prefix 8 of prev, then the suffix
+        std::string want = prev.substr(0, 8);
+        for (uint32_t k = 0; k < suffix; ++k) {
+          const char c = static_cast<char>('a' + k);
+          block.push_back(static_cast<int>(k) == nul ? 0 : static_cast<uint8_t>(c));
+          want += c;
+        }
+        block.insert(block.end(), static_cast<size_t>(tail), 0);
+        char term[TERM_BUF_SZ];
+        memset(term, 'z', sizeof(term));
+        memcpy(term, prev.c_str(), prev.size() + 1);
+        uint32_t len = static_cast<uint32_t>(prev.size());
+        uint64_t off = 0;
+        const int rc = _fclex_decode_term(block.data(), block.size(), &off, 1, 8, term, &len);
+        SCOPED_TRACE("suffix " + std::to_string(suffix) + " tail " + std::to_string(tail) + " nul " +
+                     std::to_string(nul));
+        if (nul >= 0) {
+          EXPECT_EQ(rc, WS_EDATA);
+          EXPECT_EQ(off, 0u);
+        } else {
+          ASSERT_EQ(rc, 0);
+          EXPECT_EQ(std::string(term), want);
+          EXPECT_EQ(len, want.size());
+          EXPECT_EQ(off, 2 + suffix);
+        }
+      }
+    }
+  }
+}
+
 TEST(FclexDamage, CorruptOffsetsAndCountsAreRejected) {
   struct damage {
     const char* name;
