@@ -210,6 +210,13 @@ struct posting_src {
   uint32_t ids[ID_BATCH];
 };
 
+// Target id of source id (below the source's values) through the block
+// table when its block is dense, else through the mapping.
+inline uint32_t target_of(const id_block* dense, const uint32_t* slice, uint32_t id) noexcept {
+  const uint32_t base = dense[id >> DENSE_SHIFT].base;
+  return base != NOT_DENSE ? base + (id & (DENSE_BLOCK - 1)) : slice[id];
+}
+
 struct order_entry {
   uint32_t head;
   uint32_t src;
@@ -235,9 +242,7 @@ int fill(posting_src* s, bool* beyond, uint32_t cap = ID_BATCH) noexcept {
       *beyond = true;
       return WS_EDATA;
     }
-    const id_block* dense = s->dense;
-    const uint32_t base = dense != nullptr ? dense[id >> DENSE_SHIFT].base : NOT_DENSE;
-    s->ids[0] = base != NOT_DENSE ? base + (id & (DENSE_BLOCK - 1)) : s->slice[id];
+    s->ids[0] = s->dense != nullptr ? target_of(s->dense, s->slice, id) : s->slice[id];
     s->cnt = 1;
     s->ended = true;
     s->head = s->ids[0];
@@ -258,8 +263,7 @@ int fill(posting_src* s, bool* beyond, uint32_t cap = ID_BATCH) noexcept {
     for (; good < n; ++good) {
       const uint32_t id = ids[good];
       if (id >= num_values) break;
-      const uint32_t base = dense[id >> DENSE_SHIFT].base;
-      ids[good] = base != NOT_DENSE ? base + (id & (DENSE_BLOCK - 1)) : slice[id];
+      ids[good] = target_of(dense, slice, id);
     }
   } else {
     for (; good < n && ids[good] < num_values; ++good) ids[good] = slice[ids[good]];
