@@ -62,13 +62,24 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
                           uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start, warm_header* tgt_hdr,
                           wrc* w) noexcept;
 
-// The same; with split false the terms are merged in one pass on this
-// thread, else the upper part of a large merge may go to a second thread
-// (with the same results).
+// How a posting merge may use a second thread. With a split, the upper part
+// of a large merge goes to a second thread, and this one takes over the end
+// of it when it reaches it first. The last two hold the second thread back
+// so that each way the two can meet is reached: until the end is taken over
+// (from the part's start on), or until the part went through (the end then
+// taken over all the same, and left unused).
+enum : int {
+  POSTINGS_ONE_PASS = 0,
+  POSTINGS_SPLIT = 1,
+  POSTINGS_SPLIT_TAKE_OVER = 2,
+  POSTINGS_SPLIT_LATE_TAKE_OVER = 3,
+};
+
+// The same, in one of the modes above (always with the same results).
 int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
                               uint32_t src_count, const uint32_t* mapping, const bmap_t* which_srcs,
                               uint32_t* counts, uint32_t num_terms, int tgt_fd, uint64_t tgt_postings_start,
-                              warm_header* tgt_hdr, wrc* w, bool split) noexcept;
+                              warm_header* tgt_hdr, wrc* w, int mode) noexcept;
 
 // Where a split posting merge starts its upper part: a multiple of 1024
 // merged terms whose lists hold about two thirds of the work (list bytes

@@ -637,7 +637,7 @@ struct PostingRun {
 
 class PostingSplitTest : public MergeTest {
  protected:
-  PostingRun run(const std::vector<bytes>& files, bool split, uint32_t* split_term = nullptr) {
+  PostingRun run(const std::vector<bytes>& files, int mode, uint32_t* split_term = nullptr) {
     PostingRun r;
     std::vector<int> fds = sources(files);
     const int tfd = target();
@@ -660,7 +660,7 @@ class PostingSplitTest : public MergeTest {
     }
     r.counts.assign(terms, 0);
     r.rc = _merge_all_postings_split(fds.data(), hdrs, starts, n, mapping, which, r.counts.data(), terms, tfd,
-                                     tgt_start, &tgt, &r.w, split);
+                                     tgt_start, &tgt, &r.w, mode);
     _bmap_free(which);
     free(mapping);
     free(hdrs);
@@ -697,49 +697,54 @@ std::vector<bytes> many_term_files(int n, int values, int terms, int vocab, int 
 // The split merge writes the bytes, counts, codes and messages of the
 // single pass, for good sources and for sources damaged below, at and
 // above the point where the upper part starts (where the upper part gives
-// up and the single pass takes over).
+// up and the single pass takes over) and where the end of the upper part
+// is taken over: with the upper part's thread held back until its end is
+// taken over, and until it went through before (the end then not used).
 TEST_F(PostingSplitTest, SplitMatchesOnePass) {
-  const std::vector<bytes> files = many_term_files(5, 600, 2500, 6000, 7, 7);
+  const std::vector<bytes> files = many_term_files(5, 600, 7000, 9000, 1, 7);
   uint32_t split_term = 0;
-  PostingRun one = run(files, false, &split_term);
+  PostingRun one = run(files, POSTINGS_ONE_PASS, &split_term);
   ASSERT_EQ(one.rc, 0) << one.w.message;
   ASSERT_GT(split_term, 0u) << "the merge is too small to be split";
-  ASSERT_LT(split_term, one.counts.size());
-  PostingRun two = run(files, true);
-  EXPECT_EQ(two.rc, 0);
-  EXPECT_EQ(two.counts, one.counts);
-  EXPECT_TRUE(two.target == one.target);
-
-  // Damage in the last source's postings: a byte that makes an id run past
-  // the values, at a fraction of the way through its lists.
+  ASSERT_LT(split_term + 2 * 1024, one.counts.size()) << "the upper part is too small for its end to be taken over";
   const testutil::ModelLayout l = testutil::layout_of(files.back());
   const uint64_t postings = files.back().size() - l.postings;
-  int faults = 0;
-  for (double at : {0.05, 0.5, 0.9, 0.99}) {
-    SCOPED_TRACE(at);
-    std::vector<bytes> bad = files;
-    bad.back()[l.postings + static_cast<uint64_t>(at * static_cast<double>(postings))] = 0x7F;
-    PostingRun a = run(bad, false);
-    PostingRun b = run(bad, true);
-    EXPECT_EQ(a.rc, b.rc);
-    EXPECT_EQ(a.w.source_index, b.w.source_index);
-    EXPECT_STREQ(a.w.message, b.w.message);
-    faults += a.rc != 0;
-    if (a.rc == 0) {
-      EXPECT_EQ(a.counts, b.counts);
-      EXPECT_TRUE(a.target == b.target);
+  for (int mode : {POSTINGS_SPLIT, POSTINGS_SPLIT_TAKE_OVER, POSTINGS_SPLIT_LATE_TAKE_OVER}) {
+    SCOPED_TRACE(mode);
+    PostingRun two = run(files, mode);
+    EXPECT_EQ(two.rc, 0);
+    EXPECT_EQ(two.counts, one.counts);
+    EXPECT_TRUE(two.target == one.target);
+
+    // Damage in the last source's postings: a byte that makes an id run
+    // past the values, at a fraction of the way through its lists.
+    int faults = 0;
+    for (double at : {0.05, 0.5, 0.7, 0.9, 0.99}) {
+      SCOPED_TRACE(at);
+      std::vector<bytes> bad = files;
+      bad.back()[l.postings + static_cast<uint64_t>(at * static_cast<double>(postings))] = 0x7F;
+      PostingRun a = run(bad, POSTINGS_ONE_PASS);
+      PostingRun b = run(bad, mode);
+      EXPECT_EQ(a.rc, b.rc);
+      EXPECT_EQ(a.w.source_index, b.w.source_index);
+      EXPECT_STREQ(a.w.message, b.w.message);
+      faults += a.rc != 0;
+      if (a.rc == 0) {
+        EXPECT_EQ(a.counts, b.counts);
+        EXPECT_TRUE(a.target == b.target);
+      }
+      // A cut there: the lists after it cannot be read.
+      bytes cut(files.back().begin(), files.back().begin() + static_cast<long>(l.postings + at * postings));
+      bad.back() = cut;
+      a = run(bad, POSTINGS_ONE_PASS);
+      b = run(bad, mode);
+      EXPECT_NE(a.rc, 0);
+      EXPECT_EQ(a.rc, b.rc);
+      EXPECT_EQ(a.w.source_index, b.w.source_index);
+      EXPECT_STREQ(a.w.message, b.w.message);
     }
-    // A cut there: the lists after it cannot be read.
-    bytes cut(files.back().begin(), files.back().begin() + static_cast<long>(l.postings + at * postings));
-    bad.back() = cut;
-    a = run(bad, false);
-    b = run(bad, true);
-    EXPECT_NE(a.rc, 0);
-    EXPECT_EQ(a.rc, b.rc);
-    EXPECT_EQ(a.w.source_index, b.w.source_index);
-    EXPECT_STREQ(a.w.message, b.w.message);
+    EXPECT_GE(faults, 3) << "the damage should reach every part";
   }
-  EXPECT_GE(faults, 2) << "the damage should reach both parts";
 }
 
 // A merge large enough to split its lexicon (and to merge the upper half's
