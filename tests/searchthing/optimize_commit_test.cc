@@ -44,6 +44,9 @@ class memlog {
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+// Descriptors this process holds.
+size_t open_descriptors() { return testutil::list_dir("/proc/self/fd").size(); }
+
 TEST(OptimizeCommit, FinishedTextTable) {
   struct {
     int32_t rc;
@@ -190,14 +193,18 @@ TEST(OptimizeRunLimits, ZeroAndNegativeLimitsRunOnePass) {
   }
 }
 
+// Every pass closes its sources' descriptors (after removing them) and its
+// output's.
 TEST_F(OptimizeInProcess, UnlimitedRunEndsWhenNothingIsLeft) {
   wrc w{};
   testutil::write_file(dir_.file("tarnix-need-optimize.dat"), {});
+  const size_t descriptors = open_descriptors();
   EXPECT_EQ(
       st_optimize(dir_.path().c_str(), SO_MODE_NORMAL, 1, 2147483647, 8, 64, 0, nullptr, &w, 0, 0),
       0);
   // The last pass found fewer than two files.
   EXPECT_EQ(w.warm_rc, ST_EFEWFILES);
+  EXPECT_EQ(open_descriptors(), descriptors);
   std::vector<std::string> names = testutil::list_dir(dir_.path());
   ASSERT_EQ(names.size(), 2u);
   EXPECT_EQ(names[1], "optimize.result");
