@@ -890,8 +890,9 @@ struct upper_postings {
 
 
 // Where to split merged terms [0, n) of a posting merge whose sources start
-// at term base[i]: the work of a part is its list bytes and, per merged
-// term, about as much again as 20 bytes of lists take (measured).
+// at term base[i]. The work of a part is its list bytes and, per source
+// list, as much again as 14 bytes of lists take (measured: a list costs
+// about 60 ns beside the 4.5 ns per byte).
 struct split_point {
   uint32_t term = 0;    // the first term of the part above; 0 when there is none
   uint32_t cursor[32];  // each source's term number there
@@ -899,81 +900,133 @@ struct split_point {
   uint64_t bytes = 0;   // list bytes from there on
 };
 
-// The lowest multiple of 1024 terms at or above term lo_mark * 1024, and
-// leaving 1024 terms above it, from which on the work is at most percent of
-// the work from term ref_mark * 1024 on and the list bytes at most
-// UPPER_MAX_BYTES * 3 / 8 (the part's output may be larger than its input).
-// False when there is none or the sources' offsets cannot be read.
-bool find_split(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, const bmap_t* which,
-                uint32_t n, const uint32_t* base, uint32_t ref_mark, uint32_t lo_mark, uint32_t percent,
-                split_point* out) noexcept {
-  if (n < 2 * UPPER_MIN_TERMS) return false;
-  // Each source's term cursor every 1024 merged terms.
-  const uint32_t step = UPPER_MIN_TERMS;
-  const uint32_t marks = n / step + 1;
-  c_ptr<uint32_t> cursors = c_alloc<uint32_t>(uint64_t{marks} * src_count, true);
-  if (!cursors) return false;
-  uint32_t run[32] = {};
-  if (base != nullptr) memcpy(run, base, 4ull * src_count);
-  const bmap_t mask = src_count >= 32 ? ~bmap_t{0} : (bmap_t{1} << src_count) - 1;
-  for (uint32_t t = 0; t < n; ++t) {
-    if (t % step == 0) memcpy(cursors.get() + uint64_t{t / step} * src_count, run, 4ull * src_count);
-    for (bmap_t rest = which[t] & mask; rest != 0; rest &= rest - 1) run[__builtin_ctz(rest)]++;
+class split_planner {
+ public:
+  split_planner(const int* src_fds, const warm_header* src_hdrs, uint32_t src_count, const bmap_t* which, uint32_t n,
+                const uint32_t* base, uint32_t step) noexcept
+      : fds_(src_fds), hdrs_(src_hdrs), src_count_(src_count), which_(which), n_(n), base_(base), step_(step) {}
+
+  // Each source's term cursor every step merged terms, and its list bytes
+  // in all. False without memory, without two steps of terms, or when the
+  // sources' offsets cannot be read.
+  bool scan() noexcept {
+    if (n_ < 2 * step_) return false;
+    cursors_ = c_alloc<uint32_t>(uint64_t{n_ / step_ + 1} * src_count_, true);
+    if (!cursors_) return false;
+    if (base_ != nullptr) memcpy(end_, base_, 4ull * src_count_);
+    const bmap_t mask = src_count_ >= 32 ? ~bmap_t{0} : (bmap_t{1} << src_count_) - 1;
+    for (uint32_t t = 0; t < n_; ++t) {
+      if (t % step_ == 0) memcpy(cursors_.get() + uint64_t{t / step_} * src_count_, end_, 4ull * src_count_);
+      for (bmap_t rest = which_[t] & mask; rest != 0; rest &= rest - 1) end_[__builtin_ctz(rest)]++;
+    }
+    all_ = 0;
+    for (uint32_t i = 0; i < src_count_; ++i) {
+      uint64_t off = 0;
+      if (!start_of(i, end_[i], &off)) return false;
+      all_ += off;
+    }
+    return true;
   }
+
+  // A multiple of step terms above mark ref_mark, at least margin of work
+  // above it and leaving step terms above it, from which on the work is
+  // about percent of the work from mark ref_mark on and the list bytes at
+  // most UPPER_MAX_BYTES * 3 / 8 (the part's output may be larger than its
+  // input): the lowest from which on the work is at most that, or the mark
+  // below it when that comes closer. The last such multiple when none
+  // holds that little. False when there is none or the sources' offsets
+  // cannot be read.
+  bool find(uint32_t ref_mark, uint64_t margin, uint32_t percent, split_point* out) noexcept {
+    const uint64_t max_bytes = UPPER_MAX_BYTES * 3 / 8;
+    uint64_t ref = 0;
+    uint64_t bytes = 0;
+    if (!work_from(ref_mark, &ref, &bytes)) return false;
+    const uint64_t want = ref * percent / 100;
+    uint32_t lo = ref_mark + 1;
+    uint32_t hi = (n_ - step_) / step_;
+    if (hi < lo) return false;
+    // Past the margin first (the work from a mark on falls as the mark rises).
+    for (uint32_t top = hi; margin > 0 && lo < top;) {
+      const uint32_t mid = lo + (top - lo) / 2;
+      uint64_t work = 0;
+      if (!work_from(mid, &work, &bytes)) return false;
+      if (ref - work >= margin) top = mid; else lo = mid + 1;
+    }
+    const uint32_t lowest = lo;
+    while (lo < hi) {
+      const uint32_t mid = lo + (hi - lo) / 2;
+      uint64_t work = 0;
+      if (!work_from(mid, &work, &bytes)) return false;
+      if (bytes <= max_bytes && work <= want) hi = mid; else lo = mid + 1;
+    }
+    uint64_t work = 0;
+    if (!work_from(lo, &work, &bytes)) return false;
+    // A few terms can hold much of the work: the mark below may come closer.
+    uint64_t below_work = 0;
+    uint64_t below_bytes = 0;
+    if (lo > lowest && work <= want) {
+      if (!work_from(lo - 1, &below_work, &below_bytes)) return false;
+      if (below_bytes <= max_bytes && below_work - want < want - work) {
+        --lo;
+        bytes = below_bytes;
+      }
+    }
+    if (bytes == 0) return false;
+    for (uint32_t i = 0; i < src_count_; ++i) {
+      out->cursor[i] = cursors_.get()[uint64_t{lo} * src_count_ + i];
+      if (!start_of(i, out->cursor[i], &out->offset[i])) return false;
+    }
+    out->bytes = bytes;
+    out->term = lo * step_;
+    return true;
+  }
+
+  uint32_t step() const noexcept { return step_; }
+
+ private:
+  static constexpr uint64_t LIST_WORK = 14;
+
   // A source's list bytes before its term c: the end of the list before it.
-  auto start_of = [&](uint32_t i, uint32_t c, uint64_t* off) noexcept {
+  bool start_of(uint32_t i, uint32_t c, uint64_t* off) const noexcept {
     if (c == 0) {
       *off = 0;
       return true;
     }
-    const warm_header* sh = &src_hdrs[i];
+    const warm_header* sh = &hdrs_[i];
     const uint64_t sz = _get_plo_size(sh);
     uint8_t e[8] = {};
-    if (c > hdr_num_terms(sh) || !st_pread_full(src_fds[i], e, sz, _offset_pl_offs(sh) + (c - 1) * sz)) return false;
+    if (c > hdr_num_terms(sh) || !st_pread_full(fds_[i], e, sz, _offset_pl_offs(sh) + (c - 1) * sz)) return false;
     *off = sz == 8 ? load_be64(e) : load_be32(e);
     return true;
-  };
-  uint64_t all = 0;
-  for (uint32_t i = 0; i < src_count; ++i) {
-    uint64_t end = 0;
-    if (!start_of(i, run[i], &end)) return false;
-    all += end;
   }
-  // The list bytes from mark m on.
-  auto bytes_from = [&](uint32_t m, uint64_t* sum) noexcept {
+
+  // The work and the list bytes from mark m on.
+  bool work_from(uint32_t m, uint64_t* work, uint64_t* bytes) const noexcept {
     uint64_t before = 0;
-    for (uint32_t i = 0; i < src_count; ++i) {
+    uint64_t lists = 0;
+    for (uint32_t i = 0; i < src_count_; ++i) {
+      const uint32_t c = cursors_.get()[uint64_t{m} * src_count_ + i];
       uint64_t off = 0;
-      if (!start_of(i, cursors.get()[uint64_t{m} * src_count + i], &off)) return false;
+      if (!start_of(i, c, &off)) return false;
       before += off;
+      lists += end_[i] - c;
     }
-    *sum = all >= before ? all - before : 0;
+    *bytes = all_ >= before ? all_ - before : 0;
+    *work = *bytes + LIST_WORK * lists;
     return true;
-  };
-  constexpr uint64_t TERM_WORK = 20;
-  const uint64_t max_bytes = UPPER_MAX_BYTES * 3 / 8;
-  uint64_t ref = 0;
-  if (!bytes_from(ref_mark, &ref)) return false;
-  const uint64_t want_work = (ref + TERM_WORK * (n - ref_mark * step)) * percent / 100;
-  uint32_t lo = lo_mark;
-  uint32_t hi = (n - UPPER_MIN_TERMS) / step;
-  if (lo < 1 || hi < lo) return false;
-  while (lo < hi) {
-    const uint32_t mid = lo + (hi - lo) / 2;
-    uint64_t sum = 0;
-    if (!bytes_from(mid, &sum)) return false;
-    if (sum <= max_bytes && sum + TERM_WORK * (n - mid * step) <= want_work) hi = mid; else lo = mid + 1;
   }
-  uint64_t sum = 0;
-  if (!bytes_from(lo, &sum) || sum == 0) return false;
-  for (uint32_t i = 0; i < src_count; ++i) {
-    out->cursor[i] = cursors.get()[uint64_t{lo} * src_count + i];
-    if (!start_of(i, out->cursor[i], &out->offset[i])) return false;
-  }
-  out->bytes = sum;
-  out->term = lo * step;
-  return true;
-}
+
+  const int* fds_;
+  const warm_header* hdrs_;
+  uint32_t src_count_;
+  const bmap_t* which_;
+  uint32_t n_;
+  const uint32_t* base_;
+  uint32_t step_;
+  c_ptr<uint32_t> cursors_;
+  uint32_t end_[32] = {};  // each source's cursor after the last term
+  uint64_t all_ = 0;       // list bytes before end_
+};
 
 }  // namespace
 
@@ -983,8 +1036,9 @@ uint32_t _posting_split_term(const int* src_fds, const warm_header* src_hdrs, ui
   // The upper part gets about two thirds of the work: the lower merge also
   // writes the upper part out and shares the processors with the gathering
   // of the metadata times.
+  split_planner plan(src_fds, src_hdrs, src_count, which, num_terms, nullptr, UPPER_MIN_TERMS);
   split_point sp;
-  if (!find_split(src_fds, src_hdrs, src_count, which, num_terms, nullptr, 0, 1, 65, &sp)) return 0;
+  if (!plan.scan() || !plan.find(0, 0, 65, &sp)) return 0;
   memcpy(cursor_o, sp.cursor, 4ull * src_count);
   memcpy(offset_o, sp.offset, 8ull * src_count);
   *upper_bytes_o = sp.bytes;
@@ -1145,9 +1199,11 @@ int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, c
 
 namespace {
 
-// How far ahead of the upper part's progress (in steps of 1024 terms) a
-// take-over starts: the part goes on while it is placed.
-constexpr uint32_t TAKE_OVER_MARGIN = 4;
+// A take-over starts at a multiple of 32 terms (a few terms can hold a
+// million postings), and ahead of the upper part's progress by about a
+// millisecond's work: the part goes on while the take-over is placed.
+constexpr uint32_t TAKE_OVER_STEP = 32;
+constexpr uint64_t TAKE_OVER_MARGIN = 200000;
 
 // While the upper part's thread is still merging, this thread takes over
 // the end of it: from a term well ahead of the part's progress on, about
@@ -1159,14 +1215,14 @@ bool take_over_end(upper_postings* up, upper_postings* tail, c_ptr<uint32_t>* ta
                    const warm_header* src_hdrs, const uint64_t* postings_start, uint32_t src_count,
                    const uint32_t* mapping, const id_block* dense, int mode) noexcept {
   const bool late = mode == POSTINGS_SPLIT_LATE_TAKE_OVER;
+  const bool held = mode == POSTINGS_SPLIT_TAKE_OVER || late;
   if (!late && up->finished.load(std::memory_order_acquire)) return false;
-  const uint32_t from = mode == POSTINGS_SPLIT_TAKE_OVER || late ? 0 : up->done.load(std::memory_order_relaxed);
-  const uint32_t margin = mode == POSTINGS_SPLIT_TAKE_OVER || late ? 1 : TAKE_OVER_MARGIN;
+  split_planner plan(src_fds, src_hdrs, src_count, up->which, up->num_terms, up->start_cursor, TAKE_OVER_STEP);
+  if (!plan.scan()) return false;
+  // The part's progress once the scan is done.
+  const uint32_t from = held ? 0 : up->done.load(std::memory_order_relaxed) / TAKE_OVER_STEP;
   split_point sp;
-  if (!find_split(src_fds, src_hdrs, src_count, up->which, up->num_terms, up->start_cursor, from / UPPER_MIN_TERMS,
-                  from / UPPER_MIN_TERMS + margin, 45, &sp)) {
-    return false;
-  }
+  if (!plan.find(from, held ? 0 : TAKE_OVER_MARGIN, 45, &sp)) return false;
   tail->first_term = sp.term;
   tail->num_terms = up->num_terms - sp.term;
   tail->src_count = src_count;

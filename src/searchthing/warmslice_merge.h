@@ -83,7 +83,7 @@ int _merge_all_postings_split(const int* src_fds, const warm_header* src_hdrs, c
 
 // Where a split posting merge starts its upper part: a multiple of 1024
 // merged terms whose lists hold about two thirds of the work (list bytes
-// and terms) and at most 18 MiB of list bytes, leaving 1024 terms or more
+// and source lists) and at most 18 MiB of list bytes, leaving 1024 terms or more
 // on either side; 0 when there is no such term. cursor_o[i] and offset_o[i]
 // receive source i's term number and list offset there, *upper_bytes_o
 // the upper part's list bytes.
