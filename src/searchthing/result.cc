@@ -5,14 +5,6 @@
 
 namespace tarnix {
 
-int _set_rc(wrc* w, int rc) noexcept {
-  w->warm_rc = rc;
-  w->warm_errno = errno;
-  w->source_index = -1;
-  w->message[0] = '\0';
-  return rc;
-}
-
 int _set_rc_and_errno(wrc* w, int rc, int err) noexcept {
   _set_rc(w, rc);
   w->warm_errno = err;

@@ -7,6 +7,7 @@
 // is the low eight bits of one of them. Never renumber.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 namespace tarnix {
@@ -51,7 +52,14 @@ inline constexpr int ST_EDIROPEN = -33;      // directory handle could not be op
 inline constexpr int ST_EMOVE = -35;         // move to the final name failed
 
 // Records rc with the current errno, source_index -1, empty message. Returns rc.
-int _set_rc(wrc* w, int rc) noexcept;
+// Inline: the merges record success once per term or record they read.
+inline int _set_rc(wrc* w, int rc) noexcept {
+  w->warm_rc = rc;
+  w->warm_errno = errno;
+  w->source_index = -1;
+  w->message[0] = '\0';
+  return rc;
+}
 // As _set_rc, then warm_errno = err (an errno saved before cleanup calls).
 int _set_rc_and_errno(wrc* w, int rc, int err) noexcept;
 // Records rc, current errno, index, and at most 511 characters of message.

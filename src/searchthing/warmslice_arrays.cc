@@ -79,7 +79,7 @@ int _ar_open(ar_reader* r, int fd, uint64_t offset, uint64_t obj_sz, uint32_t co
   return WS_SUCCESS;
 }
 
-const uint8_t* _ar_get(ar_reader* r, uint64_t objsz, wrc* w) noexcept {
+const uint8_t* _ar_get_loaded(ar_reader* r, uint64_t objsz, wrc* w) noexcept {
   ST_ASSERT_TEXT(objsz == r->_obj_sz, "objsz == reader->_obj_sz");
   const uint32_t c = r->cursor;
   if (c >= r->count) {

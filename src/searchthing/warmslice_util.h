@@ -174,7 +174,17 @@ int _ar_open(ar_reader* r, int fd, uint64_t offset, uint64_t obj_sz, uint32_t co
 // Record at the cursor (raw, big-endian) valid until the next call, or null
 // with the code recorded in w (-1 past the end, -8 short read, -36). Asserts
 // "objsz == reader->_obj_sz".
-const uint8_t* _ar_get(ar_reader* r, uint64_t objsz, wrc* w) noexcept;
+const uint8_t* _ar_get_loaded(ar_reader* r, uint64_t objsz, wrc* w) noexcept;
+// The same: a record already buffered is taken here, without a call, as the
+// merges take one or more per term.
+inline const uint8_t* _ar_get(ar_reader* r, uint64_t objsz, wrc* w) noexcept {
+  const uint32_t c = r->cursor;
+  if (r->buffered == 0 || c < r->first || c - r->first >= r->buffered || c >= r->count || objsz != r->_obj_sz)
+    return _ar_get_loaded(r, objsz, w);
+  _set_rc(w, WS_SUCCESS);
+  r->cursor = c + 1;
+  return r->buf + static_cast<uint64_t>(c - r->first) * objsz;
+}
 const uint8_t* _ar_get_i(ar_reader* r, uint32_t i, uint64_t objsz, wrc* w) noexcept;
 int _ar_close(ar_reader* r) noexcept;
 
