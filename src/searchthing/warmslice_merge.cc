@@ -834,6 +834,16 @@ struct upper_postings {
   // Closed only when a test holds the part back until the lower merge has
   // reached it (the part then waits before its first term).
   std::atomic<bool> gate{true};
+  // Where its output goes once merged, decided by the lower merge when it
+  // reaches the part: the part writes it there itself, so that the write
+  // overlaps the lower merge's last work, or leaves it to the lower merge.
+  static constexpr int PLACE_PENDING = 0;
+  static constexpr int PLACE_AT = 1;
+  static constexpr int PLACE_NONE = -1;
+  std::atomic<int> place{PLACE_PENDING};
+  int place_fd = -1;
+  uint64_t place_offset = 0;
+  bool placed = false;  // its output went out whole at place_offset
   std::thread* runner = nullptr;   // the thread merging this part, when not the merge's own
   wrc w{};
 
@@ -844,6 +854,21 @@ struct upper_postings {
   void open_gate() noexcept {
     gate.store(true, std::memory_order_release);
     gate.notify_all();
+  }
+
+  void set_place(int where, int fd, uint64_t offset) noexcept {
+    place_fd = fd;
+    place_offset = offset;
+    place.store(where, std::memory_order_release);
+    place.notify_all();
+  }
+
+  // Nothing of the part is wanted: it stops at its next term, or does not
+  // start, and writes nothing.
+  void cancel() noexcept {
+    stop.store(true, std::memory_order_relaxed);
+    open_gate();
+    if (place.load(std::memory_order_acquire) == PLACE_PENDING) set_place(PLACE_NONE, -1, 0);
   }
 
   void run() noexcept {
@@ -862,6 +887,13 @@ struct upper_postings {
     merged = u;
     ok = !fault && _plist_writer_close(writer.get()) == 0;
     finished.store(true, std::memory_order_release);
+    if (!ok) return;
+    int where = place.load(std::memory_order_acquire);
+    while (where == PLACE_PENDING) {
+      place.wait(PLACE_PENDING, std::memory_order_acquire);
+      where = place.load(std::memory_order_acquire);
+    }
+    if (where == PLACE_AT) placed = st_pwrite_full(place_fd, bytes.get(), writer->total, place_offset);
   }
 
   // Memory for num_terms terms of output from sources holding list_bytes
@@ -1104,7 +1136,7 @@ struct early_upper {
   std::thread worker;
 
   ~early_upper() {
-    up.stop.store(true, std::memory_order_relaxed);
+    up.cancel();
     if (worker.joinable()) worker.join();
   }
 
@@ -1258,15 +1290,9 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
   upper_postings tail;  // the end of the upper part, when this thread takes it over
   c_ptr<uint32_t> tail_counts;
   auto cleanup = [&]() noexcept {
-    up.open_gate();
-    if (upper_thread.joinable()) {
-      up.stop.store(true, std::memory_order_relaxed);
-      upper_thread.join();
-    }
-    if (up.runner != nullptr && up.runner->joinable()) {
-      up.stop.store(true, std::memory_order_relaxed);
-      up.runner->join();
-    }
+    up.cancel();
+    if (upper_thread.joinable()) upper_thread.join();
+    if (up.runner != nullptr && up.runner->joinable()) up.runner->join();
     close_posting_sources(srcs, src_count);
     if (table.buf != nullptr) _aw_close(&table);
   };
@@ -1325,21 +1351,32 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
       // The end of an upper part still under way is taken over here, so
       // that the two threads finish about together.
       const bool running = upper_thread.joinable() || (up.runner != nullptr && up.runner->joinable());
+      // Where the upper part's output goes is known now: after this
+      // merge's, if the part starts where this merge stands.
+      bool starts_here = true;
+      for (uint32_t i = 0; starts_here && i < src_count; ++i) {
+        starts_here = srcs[i].term_cursor == up.start_cursor[i] && srcs[i].next_start == up.start_offset[i];
+      }
+      if (starts_here) {
+        up.set_place(upper_postings::PLACE_AT, tgt_fd, tgt_postings_start + writer->total);
+      } else {
+        up.set_place(upper_postings::PLACE_NONE, -1, 0);
+      }
       if (mode == POSTINGS_SPLIT_LATE_TAKE_OVER && upper_thread.joinable()) upper_thread.join();
       bool took = running && take_over_end(&up, &tail, &tail_counts, src_fds, src_hdrs, postings_start, src_count,
                                            mapping, dense_owner.get(), mode);
       up.open_gate();
-      if (took) tail.run();
+      if (took) {
+        tail.set_place(upper_postings::PLACE_NONE, -1, 0);  // written out below
+        tail.run();
+      }
       // The upper part, when it went through and starts where this merge
       // stands, follows this one's lists; else this merge goes on. A part
       // that stopped where the end was taken over is followed by that end,
       // if the end went through and starts where the part stopped.
       if (upper_thread.joinable()) upper_thread.join();
       if (up.runner != nullptr && up.runner->joinable()) up.runner->join();
-      bool follows = up.ok;
-      for (uint32_t i = 0; follows && i < src_count; ++i) {
-        follows = srcs[i].term_cursor == up.start_cursor[i] && srcs[i].next_start == up.start_offset[i];
-      }
+      bool follows = up.ok && starts_here;
       if (follows && took) {
         if (up.merged == tail.first_term) {
           follows = tail.ok;
@@ -1356,7 +1393,9 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
         const uint64_t base = writer->total;
         const uint64_t up_size = up.writer->total;
         const uint32_t up_terms = took ? tail.first_term : num_terms - t;
-        if (!st_pwrite_full(tgt_fd, up.bytes.get(), up_size, tgt_postings_start + base) ||
+        // The part wrote its output itself unless that write failed (it is
+        // then tried again here, for this thread's errno).
+        if ((!up.placed && !st_pwrite_full(tgt_fd, up.bytes.get(), up_size, tgt_postings_start + base)) ||
             (took && !st_pwrite_full(tgt_fd, tail.bytes.get(), tail.writer->total, tgt_postings_start + base + up_size))) {
           rc = _set_rc(w, WS_EWRITE);
           cleanup();
@@ -1708,7 +1747,7 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
     early.up.runner = &early.worker;
     ready = &early.up;
   } else if (early.worker.joinable()) {
-    early.up.stop.store(true, std::memory_order_relaxed);
+    early.up.cancel();
     early.worker.join();
   }
   if (merge_postings(src_fds, src_hdrs.get(), postings_start, src_count, mapping.get(), which_srcs.get(),
