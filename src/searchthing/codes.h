@@ -175,6 +175,31 @@ inline uint32_t decode_from_byte_str(const uint8_t* array, uint32_t index, uint3
   return v & mask;
 }
 
+// Copies nbits bits of a bit-packed array (bits in the order elements are
+// packed: from the low bit of each byte up) from bit src_bit of src to bit
+// dst_bit of dst, 57 at a time; dst's other bits are untouched. Both
+// arrays must have 8 bytes of room past the last byte of the copied bits.
+// Element i of width w starts at bit i * w: a stretch of elements that
+// keep their order moves at once.
+inline void copy_bits(uint8_t* dst, uint64_t dst_bit, const uint8_t* src, uint64_t src_bit, uint64_t nbits) noexcept {
+  while (nbits > 0) {
+    const uint32_t chunk = nbits < 57 ? static_cast<uint32_t>(nbits) : 57;
+    const uint64_t mask = (uint64_t{1} << chunk) - 1;
+    uint64_t v;
+    __builtin_memcpy(&v, src + (src_bit >> 3), 8);
+    v = (v >> (src_bit & 7)) & mask;
+    uint8_t* p = dst + (dst_bit >> 3);
+    const uint32_t shift = dst_bit & 7;
+    uint64_t word;
+    __builtin_memcpy(&word, p, 8);
+    word = (word & ~(mask << shift)) | (v << shift);
+    __builtin_memcpy(p, &word, 8);
+    src_bit += chunk;
+    dst_bit += chunk;
+    nbits -= chunk;
+  }
+}
+
 // Bits needed to hold value, at least 1: log2n(0) = 1, log2n(256) = 9.
 uint32_t log2n(uint32_t value) noexcept;
 

@@ -497,8 +497,9 @@ int _merge_array(const int* src_fds, const warm_header* src_hdrs, uint32_t src_c
     tgt_ar_cap = std::max<uint64_t>(tgt_ar_cap, c.get_size(tgt_hdr));
     for (uint32_t i = 0; i < src_count; ++i) src_ar_cap = std::max<uint64_t>(src_ar_cap, c.get_size(&src_hdrs[i]));
   }
-  c_ptr<uint8_t> tgt_buf = c_alloc<uint8_t>(tgt_ar_cap, false);
-  c_ptr<uint8_t> src_buf = c_alloc<uint8_t>(src_ar_cap, false);
+  // Eight bytes of room past each column for copies of whole stretches.
+  c_ptr<uint8_t> tgt_buf = c_alloc<uint8_t>(tgt_ar_cap + 8, false);
+  c_ptr<uint8_t> src_buf = c_alloc<uint8_t>(src_ar_cap + 8, false);
   if (!tgt_buf || !src_buf) return _set_rc(w, WS_ENOMEM);
 
   for (const column_desc& c : COLUMNS) {
@@ -518,12 +519,29 @@ int _merge_array(const int* src_fds, const warm_header* src_hdrs, uint32_t src_c
         return _set_rc_verbose(w, WS_EREAD, static_cast<int>(i), "pread for _merge_arrays");
       }
       // Elements are re-placed, never translated; a later source's element
-      // overwrites an earlier one at the same target value.
+      // overwrites an earlier one at the same target value. Where the
+      // mapping keeps a stretch of a source's values together (an
+      // indexer's slices map whole stretches onto consecutive values) and
+      // the widths agree, the stretch's bits move at once. Elements of 32
+      // bits read as 0 and stay element by element, as do bit positions
+      // past 32 bits, which the element code computes modulo 2^32.
       const uint32_t n = hdr_num_values(sh);
       const uint8_t* src = src_buf.get();
       uint8_t* tgt = tgt_buf.get();
-      for (uint32_t j = 0; j < n; ++j) {
-        encode_to_byte_str(tgt, decode_from_byte_str(src, j, width), slice[j], tgt_width);
+      const bool stretches = width == tgt_width && width > 0 && width < 32 &&
+                             uint64_t{n} * width <= 0xFFFFFFFFu && uint64_t{tgt_values} * width <= 0xFFFFFFFFu;
+      constexpr uint32_t MIN_STRETCH = 32;
+      for (uint32_t j = 0; j < n;) {
+        uint32_t k = j + 1;
+        if (stretches) {
+          while (k < n && slice[k] == slice[k - 1] + 1) ++k;
+        }
+        if (k - j >= MIN_STRETCH) {
+          copy_bits(tgt, uint64_t{slice[j]} * width, src, uint64_t{j} * width, uint64_t{k - j} * width);
+          j = k;
+          continue;
+        }
+        for (; j < k; ++j) encode_to_byte_str(tgt, decode_from_byte_str(src, j, width), slice[j], tgt_width);
       }
       slice += n;
     }
