@@ -1031,8 +1031,6 @@ class split_planner {
     return true;
   }
 
-  uint32_t step() const noexcept { return step_; }
-
  private:
   static constexpr uint64_t LIST_WORK = 14;
 
@@ -1084,8 +1082,9 @@ uint32_t _posting_split_term(const int* src_fds, const warm_header* src_hdrs, ui
                              uint32_t num_terms, uint32_t* cursor_o, uint64_t* offset_o,
                              uint64_t* upper_bytes_o) noexcept {
   // The upper part gets about two thirds of the work: the lower merge also
-  // writes the upper part out and shares the processors with the gathering
-  // of the metadata times.
+  // writes the offset table and shares the processors with the gathering
+  // of the metadata times (and takes over the upper part's end when it
+  // gets there first).
   split_planner plan(src_fds, src_hdrs, src_count, which, num_terms, nullptr, UPPER_MIN_TERMS);
   split_point sp;
   if (!plan.scan() || !plan.find(0, 0, 65, &sp)) return 0;
@@ -1257,10 +1256,10 @@ constexpr uint64_t TAKE_OVER_MARGIN = 200000;
 
 // While the upper part's thread is still merging, this thread takes over
 // the end of it: from a term well ahead of the part's progress on, about
-// half the work left (a little less: this thread then writes both parts
-// out). tail is placed there, with counts of its own, and the part is told
-// to stop there; whether it did is known once it is joined. False when
-// nothing is taken over.
+// half the work left (a little less: this thread then writes the end and
+// the offset table out). tail is placed there, with counts of its own, and
+// the part is told to stop there; whether it did is known once it is
+// joined. False when nothing is taken over.
 bool take_over_end(upper_postings* up, upper_postings* tail, c_ptr<uint32_t>* tail_counts, const int* src_fds,
                    const warm_header* src_hdrs, const uint64_t* postings_start, uint32_t src_count,
                    const uint32_t* mapping, const id_block* dense, int mode) noexcept {
