@@ -124,6 +124,14 @@ int value_writer_put(value_writer* writer, const uint8_t rec[TSVAL_RECORD_SZ]) n
 // ---- Postings ------------------------------------------------------------------------
 
 inline constexpr uint32_t PLO_CACHE_ENTRIES = 0x100000;
+// A source whose file holds its whole offset table reads the table through
+// a window of this many entries instead: a merge walks each table forward
+// once, so the window is refilled in place and stays in the cache, where a
+// cache of the whole table takes fresh pages for every entry and makes each
+// part of a split merge read the entries of the parts after it too. A
+// table cut short keeps the whole cache, so that the first read of it fails
+// at the source's first list, as it does without the window.
+inline constexpr uint32_t PLO_WINDOW_ENTRIES = 4096;
 // Source ids decoded and translated at once: the mapping loads of a batch
 // are independent of each other, so their cache misses overlap instead of
 // following one another.
@@ -689,8 +697,10 @@ int open_posting_sources(posting_src* srcs, const int* src_fds, const warm_heade
     const uint32_t plo_size = _get_plo_size(sh);
     const uint64_t postings_size =
         _pl_offset(table_off, n_terms, src_fds[i], plo_size == 8, static_cast<int64_t>(n_terms) - 1);
+    const uint64_t length = file_length(src_fds[i]);
+    const bool whole = length != UINT64_MAX && length >= table_off + uint64_t{plo_size} * n_terms;
     int rc = _init_reader_helper(&srcs[i].reader, src_fds[i], table_off, n_terms, plo_size, postings_start[i],
-                                 postings_size, PLO_CACHE_ENTRIES, nullptr);
+                                 postings_size, whole ? PLO_WINDOW_ENTRIES : PLO_CACHE_ENTRIES, nullptr);
     if (rc != 0) return _set_rc_verbose(w, rc, static_cast<int>(i), "_init_reader_helper in _merge_all_postings_n");
     srcs[i].open = true;
     srcs[i].head = UINT_MAX;

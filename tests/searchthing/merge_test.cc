@@ -637,7 +637,9 @@ struct PostingRun {
 
 class PostingSplitTest : public MergeTest {
  protected:
-  PostingRun run(const std::vector<bytes>& files, int mode, uint32_t* split_term = nullptr) {
+  // cut, when not 0, is the length the last source is cut to once the
+  // lexicon is merged: only the posting merge meets the damage.
+  PostingRun run(const std::vector<bytes>& files, int mode, uint32_t* split_term = nullptr, uint64_t cut = 0) {
     PostingRun r;
     std::vector<int> fds = sources(files);
     const int tfd = target();
@@ -653,6 +655,11 @@ class PostingSplitTest : public MergeTest {
     uint64_t starts[32], tgt_start = 0;
     EXPECT_EQ(_merge_lexicon(0, fds.data(), hdrs, n, 8, 0, tfd, &tgt, &which, starts, &tgt_start, &r.w), 0);
     const uint32_t terms = hdr_num_terms(&tgt);
+    if (cut != 0) {
+      EXPECT_EQ(ftruncate(keep(open(("/proc/self/fd/" + std::to_string(fds.back())).c_str(), O_WRONLY | O_CLOEXEC)),
+                          static_cast<off_t>(cut)),
+                0);
+    }
     if (split_term != nullptr) {
       uint32_t cursors[32];
       uint64_t offsets[32], upper = 0;
@@ -744,6 +751,38 @@ TEST_F(PostingSplitTest, SplitMatchesOnePass) {
       EXPECT_STREQ(a.w.message, b.w.message);
     }
     EXPECT_GE(faults, 3) << "the damage should reach every part";
+  }
+}
+
+// A source whose offset table is cut short fails the posting merge at its
+// first list, however far into the table the cut lies, with every part of a
+// split merge; the lists before it are merged.
+TEST_F(PostingSplitTest, CutOffsetTableFailsAtTheSourcesFirstList) {
+  const std::vector<bytes> files = many_term_files(5, 600, 7000, 9000, 1, 7);
+  // Merged term k is name k: the last source's names start at 4 x 7.
+  const uint32_t first_of_last = 4 * 7;
+  uint32_t split_term = 0;
+  const PostingRun good = run(files, POSTINGS_ONE_PASS, &split_term);
+  ASSERT_EQ(good.rc, 0) << good.w.message;
+  ASSERT_GT(split_term, first_of_last);
+  const testutil::ModelLayout l = testutil::layout_of(files.back());
+  const uint32_t terms = load_be32(&files.back()[HDR_NUM_TERMS]);
+  ASSERT_GT(terms, 5000u);
+  const uint32_t entry = _get_plo_size(reinterpret_cast<const warm_header*>(files.back().data()));
+  for (uint32_t cut_at : {terms / 2, terms - 10}) {
+    for (int mode : {POSTINGS_ONE_PASS, POSTINGS_SPLIT, POSTINGS_SPLIT_TAKE_OVER}) {
+      SCOPED_TRACE(testing::Message() << "cut at entry " << cut_at << ", mode " << mode);
+      PostingRun r = run(files, mode, nullptr, l.pl_offs + uint64_t{entry} * cut_at);
+      EXPECT_EQ(r.rc, WS_EREAD);
+      EXPECT_EQ(r.w.source_index, 4);
+      EXPECT_STREQ(r.w.message, "_seek_reader in _merge_all_postings");
+      for (uint32_t t = 0; t < split_term; ++t) {
+        ASSERT_EQ(r.counts[t] != 0, t < first_of_last) << "term " << t;
+        if (t < first_of_last) {
+          ASSERT_EQ(r.counts[t], good.counts[t]);
+        }
+      }
+    }
   }
 }
 
