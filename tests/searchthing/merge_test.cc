@@ -786,6 +786,47 @@ TEST_F(PostingSplitTest, CutOffsetTableFailsAtTheSourcesFirstList) {
   }
 }
 
+// A source whose metadata is cut short fails the metadata merge at the
+// first record of the 341 read with the one the cut takes; the records of
+// the terms before it are written.
+TEST_F(MergeTest, CutMetadataFailsWhereReadsOf341RecordsMeetIt) {
+  const std::vector<bytes> files = many_term_files(5, 600, 7000, 9000, 1, 7);
+  const testutil::ModelLayout l = testutil::layout_of(files.back());
+  std::vector<int> fds = sources(files);
+  const int tfd = target();
+  wrc w{};
+  warm_header* hdrs = _read_src_headers(fds.data(), 5, &w);
+  ASSERT_NE(hdrs, nullptr);
+  warm_header tgt{};
+  _init_magic(&tgt);
+  uint32_t* mapping = _merge_values(fds.data(), hdrs, 5, tfd, &tgt, &w, 0);
+  ASSERT_NE(mapping, nullptr);
+  ASSERT_EQ(_merge_array(fds.data(), hdrs, 5, mapping, tfd, &tgt, &w), 0);
+  bmap_t* which = nullptr;
+  uint64_t starts[5], tgt_start = 0;
+  ASSERT_EQ(_merge_lexicon(0, fds.data(), hdrs, 5, 8, 0, tfd, &tgt, &which, starts, &tgt_start, &w), 0);
+  std::vector<uint32_t> counts(hdr_num_terms(&tgt));
+  ASSERT_EQ(_merge_all_postings_n(fds.data(), hdrs, starts, 5, mapping, which, counts.data(), hdr_num_terms(&tgt),
+                                  tfd, tgt_start, &tgt, &w),
+            0);
+  free(mapping);
+  const uint32_t cut_record = 6000;
+  ASSERT_EQ(ftruncate(keep(open(("/proc/self/fd/" + std::to_string(fds.back())).c_str(), O_WRONLY | O_CLOEXEC)),
+                      static_cast<off_t>(l.metadata + TERM_METADATA_SZ * cut_record)),
+            0);
+  EXPECT_EQ(_merge_metadata(fds.data(), hdrs, 5, which, counts.data(), tfd, &tgt, &w), WS_EREAD);
+  EXPECT_EQ(w.source_index, 4);
+  EXPECT_STREQ(w.message, "_ar_get for metadata");
+  // Merged term k is name k; the last source's names start at 4 x 7.
+  const uint32_t failed_term = 4 * 7 + cut_record / 341 * 341;
+  const bytes t = testutil::read_file(last_target_);
+  uint32_t written = 0;
+  while (written < counts.size() && load_be32(&t[_offset_metadata(&tgt) + TERM_METADATA_SZ * written]) != 0) ++written;
+  EXPECT_EQ(written, failed_term);
+  _bmap_free(which);
+  free(hdrs);
+}
+
 // A merge large enough to split its lexicon (and to merge the upper half's
 // posting lists as soon as that half is done) writes the file of a merge
 // that runs every phase in turn, and fails with the same code, message and
