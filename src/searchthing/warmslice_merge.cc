@@ -833,6 +833,9 @@ int merge_term_postings(posting_src* srcs, uint32_t src_count, bmap_t bm, plw* w
 constexpr uint64_t UPPER_MAX_BYTES = 48u << 20;
 constexpr uint32_t UPPER_MIN_TERMS = 1024;
 
+struct lower_end_part;
+void hand_back(lower_end_part* back) noexcept;
+
 // The upper part of the terms, merged on a second thread into memory while
 // the lower part is merged into the file; it is written after it once both
 // are done. It gives up (and the lower merge goes on through its terms) on
@@ -874,6 +877,10 @@ struct upper_postings {
   uint64_t place_offset = 0;
   bool placed = false;  // its output went out whole at place_offset
   std::thread* runner = nullptr;   // the thread merging this part, when not the merge's own
+  // The end of the lower part, offered for this part's thread to take over
+  // once it is done with its own terms; wake counts the offers and places.
+  std::atomic<lower_end_part*> back{nullptr};
+  std::atomic<uint32_t> wake{0};
   wrc w{};
 
   ~upper_postings() {
@@ -890,6 +897,14 @@ struct upper_postings {
     place_offset = offset;
     place.store(where, std::memory_order_release);
     place.notify_all();
+    wake.fetch_add(1, std::memory_order_release);
+    wake.notify_all();
+  }
+
+  void offer_back(lower_end_part* b) noexcept {
+    back.store(b, std::memory_order_release);
+    wake.fetch_add(1, std::memory_order_release);
+    wake.notify_all();
   }
 
   // Nothing of the part is wanted: it stops at its next term, or does not
@@ -917,10 +932,21 @@ struct upper_postings {
     ok = !fault && _plist_writer_close(writer.get()) == 0;
     finished.store(true, std::memory_order_release);
     if (!ok) return;
-    int where = place.load(std::memory_order_acquire);
-    while (where == PLACE_PENDING) {
-      place.wait(PLACE_PENDING, std::memory_order_acquire);
+    // Until the lower merge says where the output goes, this thread takes
+    // over the end of the lower part if it is offered.
+    bool handed = false;
+    int where = PLACE_PENDING;
+    for (;;) {
+      const uint32_t seen = wake.load(std::memory_order_acquire);
       where = place.load(std::memory_order_acquire);
+      if (where != PLACE_PENDING) break;
+      lower_end_part* b = back.load(std::memory_order_acquire);
+      if (!handed && b != nullptr && !stop.load(std::memory_order_relaxed)) {
+        handed = true;
+        hand_back(b);
+        continue;
+      }
+      wake.wait(seen, std::memory_order_acquire);
     }
     if (where == PLACE_AT) placed = st_pwrite_full(place_fd, bytes.get(), writer->total, place_offset);
   }
@@ -1298,6 +1324,69 @@ bool take_over_end(upper_postings* up, upper_postings* tail, c_ptr<uint32_t>* ta
   return late || up->done.load(std::memory_order_acquire) <= sp.term;
 }
 
+// The end of the lower part of a split posting merge, taken over by the
+// upper part's thread when that is done first: from a term ahead of the
+// lower merge's progress on, about half the work left. The lower merge
+// stops there and takes the end's output when the end went through and
+// starts where it stands and ends where the upper part starts; else it goes
+// on through the end's terms itself.
+struct lower_end_part {
+  const int* src_fds = nullptr;
+  const warm_header* src_hdrs = nullptr;
+  const uint64_t* postings_start = nullptr;
+  uint32_t src_count = 0;
+  const uint32_t* mapping = nullptr;
+  const id_block* dense = nullptr;
+  const bmap_t* which = nullptr;  // from the lower part's first term
+  uint32_t lower_end = 0;         // the upper part's first term
+  int mode = POSTINGS_SPLIT;
+  // The lower merge's term, stored every TAKE_OVER_STEP terms before it
+  // looks at the limit; with both sequentially consistent, a limit placed
+  // ahead of the term seen is seen by the lower merge when it gets there.
+  std::atomic<uint32_t> at{0};
+  std::atomic<uint32_t> limit{UINT32_MAX};
+  std::atomic<bool> planned{false};  // limit placed, or no end taken over
+  std::atomic<bool> settled{false};  // and the end merged, or not
+  upper_postings part;
+  c_ptr<uint32_t> counts;
+
+  void mark(std::atomic<bool>* flag) noexcept {
+    flag->store(true, std::memory_order_release);
+    flag->notify_all();
+  }
+};
+
+void hand_back(lower_end_part* b) noexcept {
+  const bool held = b->mode == POSTINGS_SPLIT_HAND_BACK || b->mode == POSTINGS_SPLIT_LATE_HAND_BACK;
+  upper_postings& m = b->part;
+  split_planner plan(b->src_fds, b->src_hdrs, b->src_count, b->which, b->lower_end, nullptr, TAKE_OVER_STEP);
+  split_point sp;
+  // Nothing to take over once the lower merge is through its part.
+  bool ready = b->at.load(std::memory_order_relaxed) < b->lower_end && plan.scan() &&
+               plan.find(held ? 0 : b->at.load(std::memory_order_relaxed) / TAKE_OVER_STEP,
+                         held ? 0 : TAKE_OVER_MARGIN, 45, &sp);
+  if (ready) {
+    m.first_term = sp.term;
+    m.num_terms = b->lower_end - sp.term;
+    m.src_count = b->src_count;
+    m.which = b->which + sp.term;
+    m.place.store(upper_postings::PLACE_NONE, std::memory_order_relaxed);  // the lower merge writes it
+    b->counts = c_alloc<uint32_t>(m.num_terms, false);
+    m.counts = b->counts.get();
+    memcpy(m.start_cursor, sp.cursor, sizeof(uint32_t) * b->src_count);
+    memcpy(m.start_offset, sp.offset, sizeof(uint64_t) * b->src_count);
+    ready = b->counts && m.prepare(b->src_fds, b->src_hdrs, b->postings_start, b->mapping, b->dense, sp.bytes);
+  }
+  bool passed = true;
+  if (ready) {
+    b->limit.store(sp.term, std::memory_order_seq_cst);
+    passed = b->at.load(std::memory_order_seq_cst) > sp.term;
+  }
+  b->mark(&b->planned);
+  if (!passed) m.run();
+  b->mark(&b->settled);
+}
+
 // The posting merge; ready, when not null, is an upper part already merged
 // (from its first_term on), taken if this merge ends where it starts.
 int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64_t* postings_start,
@@ -1317,7 +1406,9 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
   std::thread upper_thread;
   upper_postings tail;  // the end of the upper part, when this thread takes it over
   c_ptr<uint32_t> tail_counts;
+  lower_end_part back;  // the end of this part, when the upper part's thread takes it over
   auto cleanup = [&]() noexcept {
+    back.part.stop.store(true, std::memory_order_relaxed);
     up.cancel();
     if (upper_thread.joinable()) upper_thread.join();
     if (up.runner != nullptr && up.runner->joinable()) up.runner->join();
@@ -1361,6 +1452,32 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
     }
   }
 
+  const bool hand_back_on =
+      lower_end < num_terms &&
+      (mode == POSTINGS_SPLIT || mode == POSTINGS_SPLIT_HAND_BACK || mode == POSTINGS_SPLIT_LATE_HAND_BACK) &&
+      (upper_thread.joinable() || (up.runner != nullptr && up.runner->joinable()));
+  if (hand_back_on) {
+    back.src_fds = src_fds;
+    back.src_hdrs = src_hdrs;
+    back.postings_start = postings_start;
+    back.src_count = src_count;
+    back.mapping = mapping;
+    back.dense = dense_owner.get();
+    back.which = which_srcs;
+    back.lower_end = lower_end;
+    back.mode = mode;
+    up.offer_back(&back);
+    if (mode != POSTINGS_SPLIT) {
+      // Held until the upper part is done and has placed the end it takes
+      // over (or went wrong, and takes over nothing).
+      while (!back.planned.load(std::memory_order_acquire) &&
+             !(up.finished.load(std::memory_order_acquire) && !up.ok)) {
+        std::this_thread::yield();
+      }
+    }
+  }
+  bool end_handed_back = false;  // this part's end came from the upper part's thread
+
   uint32_t total = 0;
   auto put_entry = [&](uint64_t end) noexcept {
     // Straight into the table's buffer while it has room; _aw_write writes
@@ -1375,15 +1492,56 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
     return _aw_write(&table, entry, 8);
   };
   for (uint32_t t = 0; t < num_terms; ++t) {
+    if (hand_back_on && t % TAKE_OVER_STEP == 0 && t < lower_end) {
+      back.at.store(t, std::memory_order_seq_cst);
+      if (mode != POSTINGS_SPLIT_LATE_HAND_BACK && back.limit.load(std::memory_order_seq_cst) == t) {
+        while (!back.settled.load(std::memory_order_acquire)) back.settled.wait(false, std::memory_order_acquire);
+        // The end is taken when it went through from where this merge
+        // stands to where the upper part (done, without a fault) starts.
+        const upper_postings& m = back.part;
+        bool joins = m.ok && m.merged == m.num_terms && up.finished.load(std::memory_order_acquire) && up.ok &&
+                     up.merged == up.num_terms;
+        for (uint32_t i = 0; joins && i < src_count; ++i) {
+          const posting_src& end = m.srcs.get()[i];
+          joins = srcs[i].term_cursor == m.start_cursor[i] && srcs[i].next_start == m.start_offset[i] &&
+                  end.term_cursor == up.start_cursor[i] && end.next_start == up.start_offset[i];
+        }
+        if (joins) {
+          const uint64_t base = writer->total;
+          if (!st_pwrite_full(tgt_fd, m.bytes.get(), m.writer->total, tgt_postings_start + base)) {
+            rc = _set_rc(w, WS_EWRITE);
+            cleanup();
+            return rc;
+          }
+          for (uint32_t u = 0; u < m.num_terms; ++u) {
+            if ((rc = put_entry(base + m.ends.get()[u])) != 0) {
+              _set_rc(w, rc);
+              cleanup();
+              return rc;
+            }
+          }
+          memcpy(counts + t, m.counts, sizeof(uint32_t) * uint64_t{m.num_terms});
+          writer->total += m.writer->total;
+          total += m.postings;
+          end_handed_back = true;
+          t = lower_end;
+        }
+      }
+    }
     if (t == lower_end) {
+      if (hand_back_on) {
+        back.at.store(lower_end, std::memory_order_seq_cst);
+        back.part.stop.store(true, std::memory_order_relaxed);
+      }
       // The end of an upper part still under way is taken over here, so
       // that the two threads finish about together.
       const bool running = upper_thread.joinable() || (up.runner != nullptr && up.runner->joinable());
       // Where the upper part's output goes is known now: after this
       // merge's, if the part starts where this merge stands.
+      const posting_src* here = end_handed_back ? back.part.srcs.get() : srcs;
       bool starts_here = true;
       for (uint32_t i = 0; starts_here && i < src_count; ++i) {
-        starts_here = srcs[i].term_cursor == up.start_cursor[i] && srcs[i].next_start == up.start_offset[i];
+        starts_here = here[i].term_cursor == up.start_cursor[i] && here[i].next_start == up.start_offset[i];
       }
       if (starts_here) {
         up.set_place(upper_postings::PLACE_AT, tgt_fd, tgt_postings_start + writer->total);
@@ -1417,6 +1575,9 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
           follows = up.merged == up.num_terms;
         }
       }
+      // A part handed back ends where the upper part starts, which went
+      // through: the upper part follows it.
+      ST_ASSERT(follows || !end_handed_back);
       if (follows) {
         const uint64_t base = writer->total;
         const uint64_t up_size = up.writer->total;

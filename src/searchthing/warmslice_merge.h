@@ -63,16 +63,21 @@ int _merge_all_postings_n(const int* src_fds, const warm_header* src_hdrs, const
                           wrc* w) noexcept;
 
 // How a posting merge may use a second thread. With a split, the upper part
-// of a large merge goes to a second thread, and this one takes over the end
-// of it when it reaches it first. The last two hold the second thread back
-// so that each way the two can meet is reached: until the end is taken over
-// (from the part's start on), or until the part went through (the end then
-// taken over all the same, and left unused).
+// of a large merge goes to a second thread; this one takes over the end of
+// it when it reaches it first, and that thread takes over the end of this
+// one's part when it is done first. The others hold a thread back so that
+// each way the two can meet is reached: the second thread until the end of
+// its part is taken over (from the part's start on), or until the part went
+// through (the end then taken over all the same, and left unused); this
+// thread until the second has taken over the end of its part (from its
+// start on), or with that end left unused (this thread goes on through it).
 enum : int {
   POSTINGS_ONE_PASS = 0,
   POSTINGS_SPLIT = 1,
   POSTINGS_SPLIT_TAKE_OVER = 2,
   POSTINGS_SPLIT_LATE_TAKE_OVER = 3,
+  POSTINGS_SPLIT_HAND_BACK = 4,
+  POSTINGS_SPLIT_LATE_HAND_BACK = 5,
 };
 
 // The same, in one of the modes above (always with the same results).

@@ -631,6 +631,7 @@ TEST_F(MergeTest, RandomGroupsMatchTheModelMerge) {
 struct PostingRun {
   int rc = 0;
   wrc w{};
+  uint32_t postings = 0;  // the header's count
   std::vector<uint32_t> counts;
   bytes target;
 };
@@ -668,6 +669,7 @@ class PostingSplitTest : public MergeTest {
     r.counts.assign(terms, 0);
     r.rc = _merge_all_postings_split(fds.data(), hdrs, starts, n, mapping, which, r.counts.data(), terms, tfd,
                                      tgt_start, &tgt, &r.w, mode);
+    r.postings = hdr_get(&tgt, HDR_NUM_POSTINGS);
     _bmap_free(which);
     free(mapping);
     free(hdrs);
@@ -716,17 +718,19 @@ TEST_F(PostingSplitTest, SplitMatchesOnePass) {
   ASSERT_LT(split_term + 2 * 1024, one.counts.size()) << "the upper part is too small for its end to be taken over";
   const testutil::ModelLayout l = testutil::layout_of(files.back());
   const uint64_t postings = files.back().size() - l.postings;
-  for (int mode : {POSTINGS_SPLIT, POSTINGS_SPLIT_TAKE_OVER, POSTINGS_SPLIT_LATE_TAKE_OVER}) {
+  for (int mode : {POSTINGS_SPLIT, POSTINGS_SPLIT_TAKE_OVER, POSTINGS_SPLIT_LATE_TAKE_OVER, POSTINGS_SPLIT_HAND_BACK,
+                   POSTINGS_SPLIT_LATE_HAND_BACK}) {
     SCOPED_TRACE(mode);
     PostingRun two = run(files, mode);
     EXPECT_EQ(two.rc, 0);
     EXPECT_EQ(two.counts, one.counts);
+    EXPECT_EQ(two.postings, one.postings);
     EXPECT_TRUE(two.target == one.target);
 
     // Damage in the last source's postings: a byte that makes an id run
     // past the values, at a fraction of the way through its lists.
     int faults = 0;
-    for (double at : {0.05, 0.5, 0.7, 0.9, 0.99}) {
+    for (double at : {0.05, 0.2, 0.3, 0.5, 0.7, 0.9, 0.99}) {
       SCOPED_TRACE(at);
       std::vector<bytes> bad = files;
       bad.back()[l.postings + static_cast<uint64_t>(at * static_cast<double>(postings))] = 0x7F;
@@ -770,7 +774,7 @@ TEST_F(PostingSplitTest, CutOffsetTableFailsAtTheSourcesFirstList) {
   ASSERT_GT(terms, 5000u);
   const uint32_t entry = _get_plo_size(reinterpret_cast<const warm_header*>(files.back().data()));
   for (uint32_t cut_at : {terms / 2, terms - 10}) {
-    for (int mode : {POSTINGS_ONE_PASS, POSTINGS_SPLIT, POSTINGS_SPLIT_TAKE_OVER}) {
+    for (int mode : {POSTINGS_ONE_PASS, POSTINGS_SPLIT, POSTINGS_SPLIT_TAKE_OVER, POSTINGS_SPLIT_HAND_BACK}) {
       SCOPED_TRACE(testing::Message() << "cut at entry " << cut_at << ", mode " << mode);
       PostingRun r = run(files, mode, nullptr, l.pl_offs + uint64_t{entry} * cut_at);
       EXPECT_EQ(r.rc, WS_EREAD);
