@@ -901,14 +901,21 @@ struct upper_lexicon {
 };
 
 // Appends the upper half's terms to the writer and their bitmaps after the
-// lower half's.
+// lower half's. Inside a block the writer codes a term as the list does
+// (shared prefix, suffix length, suffix), so those stretches of the list
+// are copied as they stand; a block's first and last terms, and the half's
+// first term, go through the writer.
 int append_upper(upper_lexicon* up, lex_writer* writer, bmap_t* which, wrc* w) noexcept {
   const uint32_t base = writer->_cursor;
+  const uint32_t tperb = writer->tperb;
   char term[TERM_BUF_SZ];
   uint32_t len = 0;
   const uint8_t* p = up->terms.bytes.data();
   const uint8_t* const end = p + up->terms.bytes.size();
+  const uint8_t* copied = nullptr;  // start of the stretch to copy
   for (uint32_t k = 0; k < up->terms._cursor; ++k) {
+    const uint8_t* const coded = p;
+    const uint32_t prev_len = len;
     uint32_t lcp = 0;
     uint32_t suffix = 0;
     p += vbe_get(p, end, &lcp);
@@ -917,10 +924,35 @@ int append_upper(upper_lexicon* up, lex_writer* writer, bmap_t* which, wrc* w) n
     p += suffix;
     len = lcp + suffix;
     term[len] = '\0';
+    const uint32_t j = writer->_cursor % tperb;
+    if (k > 0 && j != 0 && j != tperb - 1 && len <= MAX_TERM_LEN) {
+      if (copied == nullptr) copied = coded;
+      writer->_cursor += 1;
+      writer->uncompressed_size += len;
+      continue;
+    }
+    int rc = 0;
+    if (copied != nullptr) {
+      rc = _write_to_pages(writer, copied, static_cast<uint64_t>(coded - copied));
+      copied = nullptr;
+      if (rc != 0) return _set_rc(w, rc);
+    }
     // The first shares with the lower half's last term what it shares.
-    if (k == 0) lcp = shared_prefix(term, len, writer->prev_term, writer->prev_len);
-    int rc = _lex_writer_put_next(writer, term, len, lcp);
+    if (k == 0) {
+      lcp = shared_prefix(term, len, writer->prev_term, writer->prev_len);
+    } else {
+      // The writer's previous term is the one before, of which only the
+      // length is looked at: its first lcp bytes are this term's.
+      memcpy(writer->prev_term, term, lcp);
+      writer->prev_len = prev_len;
+    }
+    if ((rc = _lex_writer_put_next(writer, term, len, lcp)) != 0) return _set_rc(w, rc);
+  }
+  if (copied != nullptr) {
+    const int rc = _write_to_pages(writer, copied, static_cast<uint64_t>(end - copied));
     if (rc != 0) return _set_rc(w, rc);
+    memcpy(writer->prev_term, term, len + 1);
+    writer->prev_len = len;
   }
   memcpy(which + base, up->which, sizeof(bmap_t) * uint64_t{up->terms._cursor});
   return 0;
