@@ -132,7 +132,6 @@ inline constexpr uint32_t PLO_CACHE_ENTRIES = 0x100000;
 // table cut short keeps the whole cache, so that the first read of it fails
 // at the source's first list, as it does without the window.
 inline constexpr uint32_t PLO_WINDOW_ENTRIES = 4096;
-inline constexpr uint32_t METADATA_WINDOW_RECORDS = 4096;
 // Source ids decoded and translated at once: the mapping loads of a batch
 // are independent of each other, so their cache misses overlap instead of
 // following one another.
@@ -1650,14 +1649,10 @@ int open_metadata_readers(ar_reader* readers, const int* src_fds, const warm_hea
     ST_ASSERT_TEXT((_has_full_metadata(&src_hdrs[si]) ? TERM_METADATA_SZ : SHORT_METADATA_SZ) == TERM_METADATA_SZ,
                    "(_has_full_metadata(&src_hdrs[si]) ? sizeof( struct st_term_metadata ) : sizeof( unsigned )) "
                    "== sizeof( struct st_term_metadata )");
-    // Like the offset tables, a source's metadata is read through a larger
-    // window when its file holds all of it: a read then fails where a read
-    // of 341 records would have.
-    const uint64_t length = file_length(src_fds[si]);
-    const bool whole = length != UINT64_MAX && length >= _offset_metadata(&src_hdrs[si]) +
-                                                             TERM_METADATA_SZ * uint64_t{hdr_num_terms(&src_hdrs[si])};
+    // 341 records (4 KiB) at a time: the 32 buffers stay in the cache, which
+    // larger reads (fewer calls) were measured to lose.
     const int rc = _ar_open(&readers[si], src_fds[si], _offset_metadata(&src_hdrs[si]), TERM_METADATA_SZ,
-                            hdr_num_terms(&src_hdrs[si]), whole ? METADATA_WINDOW_RECORDS : 341, nullptr);
+                            hdr_num_terms(&src_hdrs[si]), 341, nullptr);
     if (rc != 0) return _set_rc_verbose(w, rc, static_cast<int>(si), "_ar_open");
   }
   return 0;
