@@ -13,20 +13,19 @@
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=${BUILD:-$ROOT/build-bench}
+BUILD=${BUILD:-$ROOT/build/pgo}
 WORK=${WORK:-/tmp/tarnix-identical}
 SUMS=$ROOT/bench/identical.sha256
 record=0
 if [ "${1:-}" = --record ]; then record=1; shift; fi
 if [ $# -eq 0 ]; then set -- 20000:700 20000:700:dup 200000:7144 1000000:35700; fi
 
-if [ ! -x "$BUILD/tarnix-optimize" ] || [ ! -x "$BUILD/tarnix-index" ]; then
-  cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DTARNIX_BUILD_TESTS=OFF -DTARNIX_BUILD_BENCH=OFF >/dev/null
-  ninja -C "$BUILD" tarnix-optimize tarnix-index >/dev/null
-fi
-
+# The release build: profile-guided (scripts/build-release.sh), rebuilt when
+# the source has changed since it was made.
 mkdir -p "$WORK"
+"$ROOT/scripts/build-release.sh" --if-stale "$BUILD" >"$WORK/build.log" 2>&1 ||
+  { cat "$WORK/build.log" >&2; echo "check_identical: the release build failed" >&2; exit 1; }
+
 [ $record -eq 1 ] && : >"$SUMS.new"
 fail=0
 for corpus in "$@"; do

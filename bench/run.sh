@@ -13,24 +13,25 @@
 #             (one document per event, every term a boolean term)
 # and prints, and appends to bench/RESULTS.md, one table row per command.
 #
-# Environment: BUILD (build directory; default build-bench, configured and
-# built here when missing), WORK (scratch directory; default
+# Environment: BUILD (build directory; default build/pgo, where the release
+# build of scripts/build-release.sh is made, again whenever the source has
+# changed), WORK (scratch directory; default
 # /tmp/tarnix-bench), RUNS, LABEL (a note for the results heading).
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=${BUILD:-$ROOT/build-bench}
+BUILD=${BUILD:-$ROOT/build/pgo}
 WORK=${WORK:-/tmp/tarnix-bench}
 RUNS=${RUNS:-5}
 LABEL=${LABEL:-}
 RESULTS=$ROOT/bench/RESULTS.md
 if [ $# -eq 0 ]; then set -- 200000 1000000; fi
 
-if [ ! -x "$BUILD/tarnix-optimize" ] || [ ! -x "$BUILD/tarnix-index" ] || [ ! -x "$BUILD/tarnix-dump" ]; then
-  cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DTARNIX_BUILD_TESTS=OFF -DTARNIX_BUILD_BENCH=OFF >/dev/null
-  ninja -C "$BUILD" tarnix-optimize tarnix-index tarnix-dump >/dev/null
-fi
+# The release build: profile-guided (scripts/build-release.sh), rebuilt when
+# the source has changed since it was made.
+mkdir -p "$WORK"
+"$ROOT/scripts/build-release.sh" --if-stale "$BUILD" >"$WORK/build.log" 2>&1 ||
+  { cat "$WORK/build.log" >&2; echo "bench: the release build failed" >&2; exit 1; }
 IDX=$BUILD/tarnix-index
 OPT=$BUILD/tarnix-optimize
 DUMP=$BUILD/tarnix-dump
