@@ -4,8 +4,9 @@
 #   scripts/build-release.sh [--if-stale] [BUILD_DIR]     (default: build/pgo)
 #
 # With --if-stale it does nothing when BUILD_DIR already holds binaries built
-# from the source as it stands (a stamp of the commit and the uncommitted
-# changes, written after each build; without git, when the binaries exist).
+# from the source as it stands (a stamp of the committed build inputs and
+# their uncommitted changes, written after each build; without git, when the
+# binaries exist).
 #
 # 1. an instrumented build in BUILD_DIR;
 # 2. a training run: a bucket of 32 slices from 300000 generated events
@@ -25,7 +26,9 @@ targets=(tarnix-optimize tarnix-index tarnix-dump tarnix-check)
 
 source_stamp() {
   if git -C "$ROOT" rev-parse HEAD >/dev/null 2>&1; then
-    { git -C "$ROOT" rev-parse HEAD
+    # The committed build inputs by their tree hashes, so that a commit of
+    # documents alone does not make the build stale.
+    { git -C "$ROOT" rev-parse HEAD:CMakeLists.txt HEAD:src HEAD:tools HEAD:scripts/build-release.sh
       git -C "$ROOT" diff HEAD -- CMakeLists.txt src tools scripts/build-release.sh
       git -C "$ROOT" ls-files --others --exclude-standard -- src tools | sort |
         while read -r f; do sha256sum "$ROOT/$f"; done
