@@ -17,7 +17,7 @@
 #include <ctime>
 #include <memory>
 #include <new>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <vector>
 
@@ -964,7 +964,7 @@ int append_upper(upper_lexicon* up, lex_writer* writer, bmap_t* which, wrc* w) n
 // middle term of the source with the most terms; split[i] receives source
 // i's first term at or above it. False when the merge is not split.
 bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offsets, uint32_t n,
-                         const std::vector<bool>& empty, lex_merge_cxt* lower, uint32_t* split) noexcept {
+                         const bool* empty, lex_merge_cxt* lower, uint32_t* split) noexcept {
   uint32_t largest = 0;
   uint64_t all = 0;
   for (uint32_t i = 0; i < n; ++i) {
@@ -1028,7 +1028,7 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
 
   std::unique_ptr<lex_merge_cxt[]> cxts(new (std::nothrow) lex_merge_cxt[src_sz == 0 ? 1 : src_sz]());
   if (!cxts) return _set_rc(w, WS_ENOMEM);
-  std::vector<bool> empty(src_sz, false);
+  bool empty[32] = {};  // src_sz is at most 32
   struct close_all {
     lex_merge_cxt* c;
     uint32_t n;
@@ -1077,7 +1077,7 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
           up.rc = merge_loop(up.cxts.get(), up.n, &up.terms, up.which, &up.w, nullptr, false);
           if (up.rc == 0 && hook != nullptr) hook->fn(hook->cookie, up.which, up.terms._cursor, split);
         });
-      } catch (const std::system_error&) {
+      } catch (const std::exception&) {
       }
     }
     if (!upper_thread.joinable()) {

@@ -11,7 +11,7 @@
 #include <ctime>
 #include <new>
 #include <string>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <vector>
 
@@ -104,7 +104,7 @@ struct pass_state {
     uint32_t started = 0;
     try {
       for (; started < closers; ++started) threads[started] = std::thread(close_every, started);
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
     }
     for (uint32_t k = started; k < closers; ++k) close_every(k);
     for (uint32_t k = 0; k < started; ++k) threads[k].join();

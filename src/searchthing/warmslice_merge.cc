@@ -18,7 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <system_error>
+#include <exception>
 #include <thread>
 
 #include "searchthing/check.h"
@@ -1205,7 +1205,9 @@ struct early_upper {
         errno = caller_errno;
         e->run();
       });
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
+      // No thread (no task left, or no memory for its state): the posting
+      // merge splits as it sees fit once the lexicon is done.
     }
   }
 
@@ -1446,7 +1448,7 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
         own.run();
       });
       lower_end = own.first_term;
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
       // No thread: one merge through all terms.
     }
   }
@@ -1862,7 +1864,7 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
         errno = caller_errno;
         lm.run();
       });
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
       // No thread: the merge runs here, after the columns.
     }
   }
@@ -1915,7 +1917,7 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
           errno = caller_errno;
           mt.gather();
         });
-      } catch (const std::system_error&) {
+      } catch (const std::exception&) {
         mt.times.reset();
       }
     }

@@ -2,13 +2,17 @@
 // metadata merges, the driver's failure table, mixed versions, and a
 // property test over groups written by the index file writer, all checked
 // against an independent parse of the target's bytes and a model merge.
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <new>
 #include <random>
 #include <set>
 #include <string>
@@ -22,6 +26,25 @@
 #include "searchthing/warmslice_merge.h"
 #include "testutil/testutil.h"
 #include "testutil/warmfile.h"
+
+// While g_thread_refusal is set, no thread starts: pthread_create fails as
+// it does when the system has no task left (1), or throws as the allocation
+// of a thread's state does when memory runs out (2).
+namespace {
+std::atomic<int> g_thread_refusal{0};
+}
+extern "C" int pthread_create(pthread_t* t, const pthread_attr_t* attr, void* (*fn)(void*), void* arg) {
+  using create_fn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+  static const auto real = reinterpret_cast<create_fn>(dlsym(RTLD_NEXT, "pthread_create"));
+  switch (g_thread_refusal.load()) {
+    case 1:
+      return EAGAIN;
+    case 2:
+      throw std::bad_alloc();
+    default:
+      return real(t, attr, fn, arg);
+  }
+}
 
 namespace tarnix {
 namespace {
@@ -875,6 +898,22 @@ TEST_F(MergeTest, ThreadedMergeMatchesThePhasesInTurn) {
     }
   }
   EXPECT_GE(faults, 6);
+}
+
+// A merge whose threads cannot start runs every phase on the caller's
+// thread and gives the same file.
+TEST_F(MergeTest, MergeWithoutThreadsGivesTheSameFile) {
+  const std::vector<bytes> files = many_term_files(8, 500, 9000, 20000, 3, 11);
+  const MergeRun in_turn = merge_files(files, 0, 8, 0, 1);
+  ASSERT_EQ(in_turn.rc, 0) << in_turn.w.message;
+  for (int refusal : {1, 2}) {
+    SCOPED_TRACE(refusal);
+    g_thread_refusal.store(refusal);
+    const MergeRun alone = merge_files(files, 0, 8, 0, 0);
+    g_thread_refusal.store(0);
+    EXPECT_EQ(alone.rc, 0) << alone.w.message;
+    EXPECT_TRUE(alone.target == in_turn.target);
+  }
 }
 
 }  // namespace
