@@ -77,6 +77,8 @@ TEST(OptimizeRun, OneFileIsNothingToDo) {
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(pattern_match(r.err, start_pattern(d.path(), kDefaultSettings) + kNothingToDoPattern)) << r.err;
   EXPECT_EQ(tsidx_names(d.path()), before);
+  // The directory lock, taken for the pass, is gone with it.
+  EXPECT_FALSE(exists(d.path() + ".lock"));
 }
 
 TEST(OptimizeRun, UnusableDirectoryFails) {

@@ -224,6 +224,52 @@ TEST_F(OptimizeInProcess, LibraryFormRunsOnePassWithDefaults) {
   EXPECT_EQ(st_tsidx_close(t), 0);
 }
 
+// An intermediate file of the pass's name stops it with -28 before anything
+// is written: every lock is released, every descriptor closed and the
+// sources left as they were, so the next pass, with the name free, merges
+// them.
+TEST(OptimizeCommit, ExistingIntermediateStopsThePassAndReleasesEverything) {
+  setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "yes", 1);
+  ASSERT_EQ(st_init(), 0);
+  testutil::TempDir d;
+  const auto a = testutil::make_events(1, 3, 10, 100);
+  const auto b = testutil::make_events(2, 5, 20, 200);
+  const std::string names[2] = {testutil::write_slice(d.path(), a), testutil::write_slice(d.path(), b)};
+  const std::vector<uint8_t> before[2] = {testutil::read_file(d.file(names[0])), testutil::read_file(d.file(names[1]))};
+  // The name is made of the first two members in group order, whichever
+  // that is, and this process's id.
+  std::vector<std::string> blockers;
+  for (int first = 0; first < 2; ++first) {
+    int32_t e0, l0, e1, l1;
+    uint64_t i0, i1;
+    ASSERT_EQ(st_tsidx_file_parse(names[first].c_str(), &e0, &l0, &i0), 1);
+    ASSERT_EQ(st_tsidx_file_parse(names[1 - first].c_str(), &e1, &l1, &i1), 1);
+    blockers.push_back(d.file(std::to_string(e0) + ":" + std::to_string(e1) + ":" + std::to_string(i0) + "-" +
+                              std::to_string(l0) + ":" + std::to_string(l1) + ":" + std::to_string(i1) + "-" +
+                              std::to_string(getpid()) + ".merge"));
+    testutil::write_file(blockers.back(), {'x'});
+  }
+  const size_t descriptors = open_descriptors();
+  wrc w{};
+  EXPECT_EQ(st_optimize(d.path().c_str(), SO_MODE_FORCE, 0, 1, 2, 64, 0, nullptr, &w, 0, 0), ST_EEXISTS);
+  EXPECT_EQ(open_descriptors(), descriptors);
+  EXPECT_FALSE(testutil::exists(d.path() + ".lock"));
+  for (int k = 0; k < 2; ++k) {
+    EXPECT_FALSE(testutil::exists(d.file(names[k] + ".lock")));
+    EXPECT_TRUE(testutil::read_file(d.file(names[k])) == before[k]);
+  }
+  for (const std::string& f : blockers) ASSERT_EQ(unlink(f.c_str()), 0);
+  EXPECT_EQ(st_optimize(d.path().c_str(), SO_MODE_FORCE, 0, 1, 2, 64, 0, nullptr, &w, 0, 0), 0);
+  const std::vector<std::string> left = testutil::tsidx_names(d.path());
+  ASSERT_EQ(left.size(), 1u);
+  std::vector<testutil::posting> got;
+  ASSERT_TRUE(testutil::read_postings(d.file(left[0]), &got));
+  std::vector<testutil::event> all = a;
+  all.insert(all.end(), b.begin(), b.end());
+  EXPECT_EQ(got, testutil::postings_of(all));
+  EXPECT_EQ(testutil::list_dir(d.path()), left);
+}
+
 TEST(OptimizeStatus, StatusFileName) {
   char buf[4096];
   EXPECT_STREQ(so_status_filename("/var/b", buf), "/var/b/optimize.result");
