@@ -764,14 +764,22 @@ uint32_t shared_prefix(const char* a, uint32_t la, const char* b, uint32_t lb) n
   return i;
 }
 
+// What merge_loop returns when the lower half of a split merge meets a term
+// at or above the pivot before its source's split point (a source out of
+// order): one pass would take the upper half's terms before that one, so the
+// merge goes on in one pass from there.
+constexpr int PIVOT_REACHED = 1;
+
 // The merge proper, from the cursors' current terms up to end[i] for
 // cursor i (end null: to its last term). A cursor that reaches its end has
 // its next term loaded and checked as the full merge would have, and then
 // stops. Continuing (resume) after such a stop, the writer's last term is
-// the one before the cursors' current terms.
+// the one before the cursors' current terms. With a pivot (the lower half
+// of a split merge), a term at or above it is left unwritten and the merge
+// stops with PIVOT_REACHED.
 template <class Out>
 int merge_loop(lex_merge_cxt* cxts, uint32_t n, Out* writer, bmap_t* which_srcs, wrc* w, const uint32_t* end,
-               bool resume) noexcept {
+               bool resume, const char* pivot = nullptr, uint32_t pivot_len = 0) noexcept {
   for (uint32_t i = 0; i < n; ++i) {
     if (!exhausted(cxts[i])) ST_ASSERT_TEXT(cxts[i]._cur_term[0] != '\0', "cur_term[0] != '\\0'");
   }
@@ -784,13 +792,31 @@ int merge_loop(lex_merge_cxt* cxts, uint32_t n, Out* writer, bmap_t* which_srcs,
     const lex_merge_cxt& c = cxts[tree.winner];
     tree.winner_lcp = shared_prefix(c._cur_term, c._cur_len, writer->prev_term, writer->prev_len);
   }
+  // The prefix the last term written shares with the pivot, which it is
+  // below: a term sharing less with that term is above the pivot, one
+  // sharing more is below it, and only one sharing as much is compared.
+  uint32_t below = 0;
   while (tree.winner != NO_CURSOR) {
     const uint32_t s = tree.winner;
     lex_merge_cxt* cxt = &cxts[s];
     ST_ASSERT_TEXT(cxt->_cursor < cxt->_reader._bor._nterms, "cxt->_cursor < cxt->_reader._bor._nterms");
+    const uint32_t len = cxt->_cur_len;
+    if (pivot != nullptr) {
+      const uint32_t h = written ? tree.winner_lcp : 0;
+      if (h < below) return PIVOT_REACHED;
+      if (h == below) {
+        const uint32_t m = len < pivot_len ? len : pivot_len;
+        uint32_t i = h;
+        while (i < m && cxt->_cur_term[i] == pivot[i]) ++i;
+        const bool at_or_above =
+            i == len ? len >= pivot_len
+                     : i == pivot_len || static_cast<uint8_t>(cxt->_cur_term[i]) > static_cast<uint8_t>(pivot[i]);
+        if (at_or_above) return PIVOT_REACHED;
+        below = i;
+      }
+    }
     // A term equal to the last one written (another source holds it too)
     // only adds its source's bit.
-    const uint32_t len = cxt->_cur_len;
     if (!written || tree.winner_lcp != writer->prev_len || len != writer->prev_len) {
       int rc = put_next(writer, cxt->_cur_term, len, tree.winner_lcp);
       if (rc != 0) return _set_rc(w, rc);
@@ -887,6 +913,8 @@ int64_t first_at_or_above(lex_merge_cxt* c, const char* key) noexcept {
 // source's first term at or above the pivot.
 struct upper_lexicon {
   uint32_t n = 0;
+  char pivot[TERM_BUF_SZ];  // the first term of the upper half's range
+  uint32_t pivot_len = 0;
   std::unique_ptr<lex_merge_cxt[]> cxts;
   term_list terms;
   bmap_t* which = nullptr;
@@ -977,7 +1005,7 @@ bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offs
   up->cxts.reset(new (std::nothrow) lex_merge_cxt[n]());
   if (!up->cxts) return false;
   uint64_t upper_terms = 0;
-  char pivot[TERM_BUF_SZ];
+  char* const pivot = up->pivot;
   for (uint32_t k = 0; k <= n; ++k) {
     // The largest source first, for the pivot.
     const uint32_t i = k == 0 ? largest : k - 1;
@@ -992,6 +1020,7 @@ bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offs
     if (k == 0) {
       if (seek_cursor(c, terms / 2) != 0) return false;
       memcpy(pivot, c->_cur_term, c->_cur_len + 1);
+      up->pivot_len = c->_cur_len;
     }
     const int64_t at = first_at_or_above(c, pivot);
     if (at < 0 || seek_cursor(c, static_cast<uint32_t>(at)) != 0) return false;
@@ -1084,10 +1113,10 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
       rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, nullptr, false);
       if (rc != 0) return rc;
     } else {
-      rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, split, false);
+      rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, split, false, up.pivot, up.pivot_len);
       upper_thread.join();
-      if (rc != 0) return rc;
-      if (up.rc == 0) {
+      if (rc != 0 && rc != PIVOT_REACHED) return rc;
+      if (rc == 0 && up.rc == 0) {
         const uint32_t lower_terms = writer->_cursor;
         rc = append_upper(&up, writer, *which_srcs_o, w);
         if (rc == 0 && lower_terms_o != nullptr) *lower_terms_o = lower_terms;

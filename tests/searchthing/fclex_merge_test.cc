@@ -329,6 +329,29 @@ TEST(FclexMerge, SplitMergeMatchesOnePass) {
   EXPECT_GE(faults, 15);
 }
 
+// Two damaged sources: the pivot's has a term above every other early on
+// (so its next term is out of order), the other a term out of order just
+// above the pivot. One pass holds the first source at its high term and
+// meets the second's fault first; the split merge must name the same source
+// although its lower half reaches the high term before its split point.
+TEST(FclexMerge, SplitMergeNamesTheSourceOnePassNames) {
+  std::vector<source> sources(2);
+  for (int s = 0; s < 2; ++s) {
+    for (int t = 0; t < 2000 - 500 * s; ++t) sources[s].terms.push_back("w" + std::to_string(100000 + t));
+    sources[s].tperb = 8;
+  }
+  sources[0].terms[100] = "w2";
+  sources[1].terms[1001] = "w11";  // the pivot is the pivot source's middle term, "w101000"
+  const merge_result one = run_merge(sources, 8, 0, {}, UINT64_MAX);
+  ASSERT_EQ(one.rc, WS_EDATA);
+  ASSERT_EQ(one.w.source_index, 1);
+  ASSERT_STREQ(one.w.message, "terms out of order in st_fclex_merge_n");
+  const merge_result two = run_merge(sources, 8, 0, {}, 1);
+  EXPECT_EQ(two.rc, one.rc);
+  EXPECT_EQ(two.w.source_index, one.w.source_index);
+  EXPECT_STREQ(two.w.message, one.w.message);
+}
+
 TEST(FclexMerge, VerboseMergePrintsTheWriterLine) {
   TempDir dir;
   int fd = open(dir.file("src").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
