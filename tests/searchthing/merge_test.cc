@@ -195,8 +195,10 @@ class MergeTest : public ::testing::Test {
   }
 
   // Merges the sources into a fresh target, returns its bytes.
-  // verbose 1 runs every phase in turn on this thread (and prints the
-  // lexicon writer's lines); 0 lets the merge use its second thread.
+  // verbose 1 runs the phases in turn on this thread (and prints the
+  // lexicon writer's lines), though a large lexicon or posting merge is
+  // still split in two halves; 0 also runs the lexicon merge beside the
+  // value and column merges.
   MergeRun merge_files(const std::vector<bytes>& files, int tstats = 0, uint32_t tpb = 4, uint64_t page = 0,
                        int verbose = 0) {
     std::vector<int> fds = sources(files);
