@@ -16,7 +16,9 @@
 # Environment: BUILD (build directory; default build/pgo, where the release
 # build of scripts/build-release.sh is made, again whenever the source has
 # changed), WORK (scratch directory; default
-# /tmp/tarnix-bench), RUNS, LABEL (a note for the results heading).
+# /tmp/tarnix-bench), RUNS, LABEL (a note for the results heading), TOKENS
+# (text tokens of an event, MIN-MAX as tarnix-index --tokens takes them;
+# default 4-14, about 12 terms an event; 14-36 gives about 26).
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -24,6 +26,12 @@ BUILD=${BUILD:-$ROOT/build/pgo}
 WORK=${WORK:-/tmp/tarnix-bench}
 RUNS=${RUNS:-5}
 LABEL=${LABEL:-}
+TOKENS=${TOKENS:-4-14}
+case $TOKENS in
+  *[!0-9-]* | -* | *- | *-*-* | '') echo "bench: TOKENS takes MIN-MAX, not \"$TOKENS\"" >&2; exit 2 ;;
+esac
+# Terms an event can hold: the three field terms and the most tokens.
+EVENT_TERMS=$((3 + ${TOKENS#*-}))
 RESULTS=$ROOT/bench/RESULTS.md
 if [ $# -eq 0 ]; then set -- 200000 1000000; fi
 
@@ -62,9 +70,10 @@ section_size() { "$DUMP" "$1" --header | awk -v f="$2" '$1 == f && NF == 3 { pri
 # prints the number of files.
 index_into() {
   rm -rf "$2" && mkdir -p "$2"
-  # An event has at most 17 terms: only the value limit ever fills a slice.
-  "$IDX" -d "$2" -q --max-values "$3" --max-terms $(($3 * 20)) --max-term-chars $(($3 * 20 * 64)) \
-    --max-postings $(($3 * 20)) "$1"
+  # Room for every event's terms: only the value limit ever fills a slice.
+  local per=$(($3 * (EVENT_TERMS + 3)))
+  "$IDX" -d "$2" -q --max-values "$3" --max-terms $per --max-term-chars $((per * 64)) \
+    --max-postings $per "$1"
   find "$2" -maxdepth 1 -name '*.tsidx' | wc -l
 }
 
@@ -153,9 +162,10 @@ timed() {
 
 for n in "$@"; do
   corpus=$WORK/n$n
+  [ "$TOKENS" = 4-14 ] || corpus=$WORK/n$n-t$TOKENS
   mkdir -p "$corpus"
   events=$corpus/events.tsv
-  [ -s "$events" ] || "$IDX" --generate "$n" --seed 1 --emit-events >"$events"
+  [ -s "$events" ] || "$IDX" --generate "$n" --seed 1 --tokens "$TOKENS" --emit-events >"$events"
   if [ ! -f "$corpus/bucket.ok" ]; then
     make_bucket "$events" "$n" "$corpus/bucket"
     touch "$corpus/bucket.ok"
@@ -199,18 +209,19 @@ for n in "$@"; do
     done
   done
   python3 - "$corpus/times" "$n" "$postings" "$merged_postings" "$terms" "$in_bytes" "$bound_kib" \
-    "$src_terms" "$lex" >>"$WORK/results.md" <<'EOF'
+    "$src_terms" "$lex" "$TOKENS" >>"$WORK/results.md" <<'EOF'
 import sys, statistics
-times, n, postings, merged_postings, terms, in_bytes, bound_kib, src_terms, lex = sys.argv[1:]
+times, n, postings, merged_postings, terms, in_bytes, bound_kib, src_terms, lex, tokens = sys.argv[1:]
 rows = {}
 for line in open(times):
     c, ns, kib, user, system, out = line.split()
     rows.setdefault(c, []).append((int(ns) / 1e9, int(kib), int(out), float(user) + float(system)))
 med = {c: statistics.median(s for s, _, _, _ in r) for c, r in rows.items()}
 cpu = {c: statistics.median(u for _, _, _, u in r) for c, r in rows.items()}
-print("Corpus: %s events, %s postings in 32 files (%s after the merge), %s distinct terms (%s source terms), "
+print("Corpus: %s events%s, %s postings in 32 files (%s after the merge), %s distinct terms (%s source terms), "
       "%s input bytes; merged lexicon %s bytes; memory bound %s KiB."
-      % (n, postings, merged_postings, terms, src_terms, in_bytes, lex, bound_kib))
+      % (n, "" if tokens == "4-14" else " of %s text tokens" % tokens, postings, merged_postings, terms,
+         src_terms, in_bytes, lex, bound_kib))
 print()
 print("| command | output bytes | median s | min s | max s | median CPU s | postings/s | peak RSS KiB | RSS within bound |")
 print("|---|---:|---:|---:|---:|---:|---:|---:|---|")

@@ -146,6 +146,37 @@ TEST(TarnixIndex, SameSeedSameEvents) {
   EXPECT_TRUE(went_back);
 }
 
+// The number of text tokens is a knob for denser corpora; its default is
+// what the generator always made, so earlier corpora stay the same.
+TEST(TarnixIndex, TokensSetTheTermsOfAnEvent) {
+  RunResult plain = emit(400, 3);
+  RunResult same = run_index({"--generate", "400", "--seed", "3", "--tokens", "4-14", "--emit-events"});
+  ASSERT_EQ(plain.status, 0);
+  EXPECT_EQ(plain.out, same.out);
+
+  struct Case {
+    const char* tokens;
+    size_t min_terms, max_terms;   // field terms included
+  } cases[] = {{"0", 3, 3}, {"20", 23, 23}, {"14-36", 17, 39}, {"4-14", 7, 17}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.tokens);
+    RunResult r = run_index({"--generate", "400", "--seed", "3", "--tokens", c.tokens, "--emit-events"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::istringstream in(r.out);
+    std::string line;
+    size_t lines = 0, fewest = SIZE_MAX, most = 0;
+    while (std::getline(in, line)) {
+      ++lines;
+      const size_t terms = 1 + std::count(line.begin() + line.rfind('\t'), line.end(), ' ');
+      fewest = std::min(fewest, terms);
+      most = std::max(most, terms);
+    }
+    EXPECT_EQ(lines, 400u);
+    EXPECT_EQ(fewest, c.min_terms);
+    EXPECT_EQ(most, c.max_terms);
+  }
+}
+
 struct BadInput {
   const char* what;
   std::vector<std::string> extra_args;
@@ -237,6 +268,11 @@ TEST(TarnixIndex, UsageErrors) {
       {{"--generate", "2000000001", "--emit-events"}, "at most 2000000000"},
       {{"-d", d.path(), "--generate", "10", "events.txt"}, "no input file"},
       {{"-d", d.path(), "a.txt", "b.txt"}, "more than one input"},
+      {{"--generate", "10", "--tokens", "9-3", "--emit-events"}, "MIN <= MAX <= 1000"},
+      {{"--generate", "10", "--tokens", "1001", "--emit-events"}, "MIN <= MAX <= 1000"},
+      {{"--generate", "10", "--tokens", "4-", "--emit-events"}, "MIN <= MAX <= 1000"},
+      {{"--generate", "10", "--tokens", "-4", "--emit-events"}, "MIN <= MAX <= 1000"},
+      {{"-d", d.path(), "--tokens", "4-14"}, "--tokens needs --generate"},
   };
   for (const auto& c : cases) {
     RunResult r = run_index(c.args);

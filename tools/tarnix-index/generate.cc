@@ -30,8 +30,13 @@ uint64_t splitmix(uint64_t* s) {
 
 }  // namespace
 
-event_generator::event_generator(uint64_t count, uint64_t seed, bool ordered)
-    : count_(count), state_(seed), ordered_(ordered) {
+event_generator::event_generator(uint64_t count, uint64_t seed, bool ordered, uint32_t min_tokens,
+                                 uint32_t max_tokens)
+    : count_(count),
+      state_(seed),
+      ordered_(ordered),
+      min_tokens_(min_tokens),
+      token_choices_(max_tokens - min_tokens + 1) {
   // The vocabulary depends on the seed too: different seeds, different words.
   vocabulary_.reserve(VOCABULARY_SZ);
   for (uint32_t i = 0; i < VOCABULARY_SZ; ++i) {
@@ -80,7 +85,7 @@ bool event_generator::next(event* out) {
   e.terms.emplace_back(buf);
   e.terms.emplace_back(std::string("sourcetype::") + SOURCE_TYPES[e.source_type]);
 
-  const uint32_t tokens = 4 + below(11);
+  const uint32_t tokens = min_tokens_ + below(token_choices_);
   for (uint32_t t = 0; t < tokens; ++t) {
     uint32_t kind_of_token = below(20);
     if (kind_of_token < 13) {

@@ -4,7 +4,9 @@
 // events, on every platform (the generator is its own: no library
 // distributions). Every event has a unique, increasing address; timestamps
 // increase by about four events per second, with a few seconds of jitter
-// unless the events are asked for in time order.
+// unless the events are asked for in time order. After its three field
+// terms an event holds between a minimum and a maximum number of text tokens
+// (by default 4 to 14, about 12 terms an event in all).
 #pragma once
 
 #include <cstdint>
@@ -23,10 +25,17 @@ struct event {
   std::vector<std::string> terms;
 };
 
+constexpr uint32_t DEFAULT_MIN_TOKENS = 4;
+constexpr uint32_t DEFAULT_MAX_TOKENS = 14;
+constexpr uint32_t MAX_TOKENS = 1000;
+
 class event_generator {
  public:
   // ordered: timestamps never decrease (what a streaming slice needs).
-  event_generator(uint64_t count, uint64_t seed, bool ordered);
+  // min_tokens <= max_tokens <= MAX_TOKENS: text tokens an event holds
+  // beside its field terms.
+  event_generator(uint64_t count, uint64_t seed, bool ordered,
+                  uint32_t min_tokens = DEFAULT_MIN_TOKENS, uint32_t max_tokens = DEFAULT_MAX_TOKENS);
   // The next event, false after the last one.
   bool next(event* out);
 
@@ -39,6 +48,8 @@ class event_generator {
   uint64_t done_ = 0;
   uint64_t state_;
   bool ordered_;
+  uint32_t min_tokens_;
+  uint32_t token_choices_;   // max_tokens - min_tokens + 1
   std::vector<std::string> vocabulary_;
 };
 

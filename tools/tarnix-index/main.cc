@@ -52,6 +52,8 @@ constexpr const char USAGE[] =
     "                       decrease, and equal timestamps have increasing addresses\n"
     "  --generate N         index N synthetic log-like events instead of reading\n"
     "  --seed S             seed of the synthetic events (default 1)\n"
+    "  --tokens MIN-MAX     text tokens of a synthetic event beside its three field\n"
+    "                       terms (default 4-14; at most 1000)\n"
     "  --emit-events        print the synthetic events in the input format instead\n"
     "                       of indexing them\n"
     "  -q                   no progress or summary on standard error\n"
@@ -71,6 +73,9 @@ struct options {
   bool generate = false;
   uint64_t generate_count = 0;
   uint64_t seed = 1;
+  uint32_t min_tokens = tarnix_index::DEFAULT_MIN_TOKENS;
+  uint32_t max_tokens = tarnix_index::DEFAULT_MAX_TOKENS;
+  bool tokens_given = false;
   bool emit = false;
 };
 
@@ -116,6 +121,21 @@ options parse_args(int argc, char** argv) {
       if (o.generate_count > MAX_GENERATE) usage_error("--generate takes at most %s events", "2000000000");
     } else if (a == "--seed") {
       o.seed = number(&i, 0);
+    } else if (a == "--tokens") {
+      // MIN-MAX, or N for exactly N.
+      const char* v = value(&i);
+      std::string_view text = v;
+      const size_t dash = text.find('-');
+      std::string lo(text.substr(0, dash));
+      std::string hi(dash == std::string_view::npos ? lo : std::string(text.substr(dash + 1)));
+      uint64_t min = 0, max = 0;
+      if (!parse_u64(lo.c_str(), &min) || !parse_u64(hi.c_str(), &max) || min > max ||
+          max > tarnix_index::MAX_TOKENS) {
+        usage_error("--tokens takes MIN-MAX with MIN <= MAX <= 1000: \"%s\"", v);
+      }
+      o.min_tokens = static_cast<uint32_t>(min);
+      o.max_tokens = static_cast<uint32_t>(max);
+      o.tokens_given = true;
     } else if (a == "--emit-events") {
       o.emit = true;
     } else if (a == "-" || a.empty() || a[0] != '-') {
@@ -126,6 +146,7 @@ options parse_args(int argc, char** argv) {
     }
   }
   if (o.emit && !o.generate) usage_error("%s needs --generate", "--emit-events");
+  if (o.tokens_given && !o.generate) usage_error("%s needs --generate", "--tokens");
   if (o.generate && o.input != nullptr) usage_error("--generate takes no input file (\"%s\")", o.input);
   if (!o.emit && o.dir == nullptr) usage_error("%s", "no bucket directory (-d DIR)");
   return o;
@@ -313,7 +334,7 @@ class indexer {
 };
 
 int emit_events(const options& o) {
-  tarnix_index::event_generator gen(o.generate_count, o.seed, o.streaming);
+  tarnix_index::event_generator gen(o.generate_count, o.seed, o.streaming, o.min_tokens, o.max_tokens);
   tarnix_index::event e;
   std::string out;
   while (gen.next(&e)) {
@@ -333,7 +354,7 @@ int emit_events(const options& o) {
 
 int run_generated(const options& o, indexer* ix) {
   // In streaming mode the events come in time order.
-  tarnix_index::event_generator gen(o.generate_count, o.seed, o.streaming);
+  tarnix_index::event_generator gen(o.generate_count, o.seed, o.streaming, o.min_tokens, o.max_tokens);
   tarnix_index::event e;
   std::vector<std::string_view> terms;
   uint64_t n = 0;
