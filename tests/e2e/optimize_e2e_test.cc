@@ -290,6 +290,53 @@ TEST(OptimizeRun, MergeFailureNamesPositionInSortedList) {
   EXPECT_TRUE(exists(d.file(large + ".lock")));
 }
 
+// The process's own limits, as a shell's ulimit sets them for it.
+// Descriptors run out while the sources are opened: the pass gives back
+// every lock it took and leaves nothing behind. The file-size limit makes
+// the merge's writes fail: that is a failed merge like any other (sources
+// locked, intermediate kept), where no source is to blame.
+TEST(OptimizeRun, ProcessLimitsFailThePass) {
+  struct Case {
+    const char* limit;
+    int status;
+    const char* err;   // pattern, "" for nothing; DIR stands for the bucket
+    bool sources_locked;
+  } cases[] = {
+      {"ulimit -n 12", 256 - 4, "", false},
+      {"trap '' XFSZ; ulimit -f 1", 256 - 9,
+       "merge failed for path=DIR rc=-9 wrc=-9 errno=27 file=dontknow hint=]\n", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.limit);
+    TempDir d;
+    auto all = fill_bucket(d.path(), 32, 3);
+    const std::vector<std::string> sources = tsidx_names(d.path());
+    std::vector<std::vector<uint8_t>> bytes;
+    for (const std::string& s : sources) bytes.push_back(read_file(d.file(s)));
+
+    RunResult r = run({"/bin/sh", "-c", std::string(c.limit) + "; exec \"$0\" \"$@\"", bin("tarnix-optimize"),
+                       "-d", d.path(), "-m", "all"});
+    EXPECT_EQ(r.status, c.status) << r.err;
+    std::string want = c.err;
+    if (const size_t at = want.find("DIR"); at != std::string::npos) want.replace(at, 3, d.path());
+    EXPECT_TRUE(pattern_match(r.err, want)) << r.err;
+
+    EXPECT_EQ(tsidx_names(d.path()), sources);
+    for (size_t k = 0; k < sources.size(); ++k) EXPECT_EQ(read_file(d.file(sources[k])), bytes[k]) << sources[k];
+    EXPECT_EQ(names_ending(d.path(), ".lock").size(), c.sources_locked ? sources.size() : 0u);
+    EXPECT_EQ(names_ending(d.path(), ".merge").size(), c.sources_locked ? 1u : 0u);
+    EXPECT_FALSE(exists(d.path() + ".lock"));
+    if (c.sources_locked) continue;
+
+    // Nothing is held, so the next run merges everything.
+    r = run_optimize({"-d", d.path(), "-m", "all"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(tsidx_names(d.path()).size(), 1u);
+    EXPECT_EQ(all_postings(d.path()), postings_of(all));
+    expect_bucket_clean(d.path());
+  }
+}
+
 TEST(OptimizeRun, IterationLimitStopsAfterOnePass) {
   TempDir d;
   auto all = fill_bucket(d.path(), 40, 1);
