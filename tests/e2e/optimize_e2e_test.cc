@@ -3,10 +3,13 @@
 // result read back posting by posting.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -334,6 +337,72 @@ TEST(OptimizeRun, ProcessLimitsFailThePass) {
     EXPECT_EQ(tsidx_names(d.path()).size(), 1u);
     EXPECT_EQ(all_postings(d.path()), postings_of(all));
     expect_bucket_clean(d.path());
+  }
+}
+
+// System calls made to fail inside tarnix-optimize (tests/preload): every
+// way a pass can end after it took locks, and what it must leave. Nothing
+// may stay locked unless the merge itself failed, the sources are never
+// touched, and an intermediate stays once it was written.
+TEST(OptimizeRun, FailedCallsEndThePassCleanly) {
+  TempDir scratch;
+  const std::string dir_lock = scratch.file("bucket.lock");
+  struct Case {
+    const char* what;
+    std::string fault;    // NAME=value for the preloaded library
+    int status;
+    bool intermediate_left;
+    const char* log;      // a line the verbose log must hold
+  } cases[] = {
+      {"every link fails", "TARNIX_FAIL_LINK=18", 256 - 35, true,
+       "ERROR failed to move intermediate="},
+      {"closing the intermediate fails", "TARNIX_FAIL_CLOSE=.merge:5", 256 - 11, true,
+       "(rc=-11 errno=5)"},
+      {"the first source lock fails", "TARNIX_FAIL_OPEN=.tsidx.lock:0:0:13", 256 - 29, false,
+       "(rc=-29 errno=13)"},
+      {"the fourth source lock fails", "TARNIX_FAIL_OPEN=.tsidx.lock:3:0:13", 256 - 29, false,
+       "source_3="},
+      {"the directory lock fails after the merge", "TARNIX_FAIL_OPEN=" + dir_lock + ":1:0:13", 256 - 29, true,
+       "(rc=-29 errno=13)"},
+      {"a source is locked by somebody for a moment", "TARNIX_FAIL_OPEN=.tsidx.lock:2:1:17", 0, false,
+       "optimize finished: files merged successfully"},
+  };
+  const char* asan = getenv("ASAN_OPTIONS");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string dir = scratch.file("bucket");
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    auto all = fill_bucket(dir, 8, 3);
+    const std::vector<std::string> sources = tsidx_names(dir);
+    std::vector<std::vector<uint8_t>> bytes;
+    for (const std::string& s : sources) bytes.push_back(read_file(dir + "/" + s));
+
+    std::vector<std::string> env = kOptimizeEnv;
+    env.push_back("LD_PRELOAD=" + bin("libfailcalls.so"));
+    env.push_back(c.fault);
+    // The sanitizers' runtime wants to be loaded first.
+    env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0");
+    const auto start = std::chrono::steady_clock::now();
+    RunResult r = run_optimize({"-d", dir, "-m", "all", "-v"}, env);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(r.status, c.status) << r.err;
+    EXPECT_NE(r.err.find(c.log), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("merge failed"), std::string::npos) << r.err;
+    EXPECT_EQ(names_ending(dir, ".lock").size(), 0u);
+    EXPECT_FALSE(exists(dir_lock));
+    EXPECT_EQ(names_ending(dir, ".merge").size(), c.intermediate_left ? 1u : 0u);
+    if (c.status == 0) {
+      // The lock that seemed taken was tried again half a second later.
+      EXPECT_GE(waited, std::chrono::milliseconds(500));
+    } else {
+      EXPECT_EQ(tsidx_names(dir), sources);
+      for (size_t k = 0; k < sources.size(); ++k) EXPECT_EQ(read_file(dir + "/" + sources[k]), bytes[k]);
+      r = run_optimize({"-d", dir, "-m", "all"});
+      EXPECT_EQ(r.status, 0) << r.err;
+    }
+    EXPECT_EQ(tsidx_names(dir).size(), 1u);
+    EXPECT_EQ(all_postings(dir), postings_of(all));
+    ASSERT_EQ(system(("rm -rf '" + dir + "'").c_str()), 0);
   }
 }
 

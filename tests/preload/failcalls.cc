@@ -1,0 +1,154 @@
+// Failures injected into the system calls of a program that a test runs as
+// a separate process: loaded with LD_PRELOAD and configured by the
+// environment, it does nothing unless asked.
+//
+//   TARNIX_FAIL_LINK=E        every link() fails with error number E
+//   TARNIX_FAIL_OPEN=S:K:N:E  of the open() calls for paths ending in S, the
+//                             first K go through and the next N fail with
+//                             error number E (N = 0: every one after the K)
+//   TARNIX_FAIL_CLOSE=S:E     close() of a descriptor whose file's path ends
+//                             in S closes it and then fails with E
+//
+// S may hold ':'; the numbers are taken from the end.
+#undef _FORTIFY_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr size_t SUFFIX_SZ = 4096;
+
+struct rule {
+  bool on = false;
+  char suffix[SUFFIX_SZ] = {};
+  long skip = 0;
+  long count = 0;
+  int err = 0;
+};
+
+rule link_rule, open_rule, close_rule;
+std::atomic<long> opens_seen{0};
+
+// Takes the last `n` ':'-separated numbers off text into out[] (in order)
+// and leaves the rest in suffix. False when they are not there.
+bool split(const char* text, int n, char* suffix, long* out) {
+  size_t end = strlen(text);
+  for (int k = n - 1; k >= 0; --k) {
+    size_t colon = end;
+    while (colon > 0 && text[colon - 1] != ':') --colon;
+    if (colon == 0 || colon == end) return false;
+    char* stop = nullptr;
+    out[k] = strtol(text + colon, &stop, 10);
+    if (stop != text + end) return false;
+    end = colon - 1;
+  }
+  if (end >= SUFFIX_SZ) return false;
+  memcpy(suffix, text, end);
+  suffix[end] = '\0';
+  return true;
+}
+
+bool ends_with(const char* s, const char* suffix) {
+  const size_t n = strlen(s), m = strlen(suffix);
+  return n >= m && memcmp(s + n - m, suffix, m) == 0;
+}
+
+[[noreturn]] void bad_setting(const char* name) {
+  fprintf(stderr, "failcalls: cannot read %s\n", name);
+  _exit(125);
+}
+
+__attribute__((constructor)) void read_settings() {
+  if (const char* v = getenv("TARNIX_FAIL_LINK")) {
+    link_rule.on = true;
+    link_rule.err = atoi(v);
+  }
+  if (const char* v = getenv("TARNIX_FAIL_OPEN")) {
+    long n[3];
+    if (!split(v, 3, open_rule.suffix, n)) bad_setting("TARNIX_FAIL_OPEN");
+    open_rule.on = true;
+    open_rule.skip = n[0];
+    open_rule.count = n[1];
+    open_rule.err = static_cast<int>(n[2]);
+  }
+  if (const char* v = getenv("TARNIX_FAIL_CLOSE")) {
+    long n[1];
+    if (!split(v, 1, close_rule.suffix, n)) bad_setting("TARNIX_FAIL_CLOSE");
+    close_rule.on = true;
+    close_rule.err = static_cast<int>(n[0]);
+  }
+}
+
+template <typename F>
+F next(const char* name) {
+  return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+
+bool open_fails(const char* path) {
+  if (!open_rule.on || path == nullptr || !ends_with(path, open_rule.suffix)) return false;
+  const long seen = opens_seen.fetch_add(1);
+  if (seen < open_rule.skip) return false;
+  if (open_rule.count != 0 && seen >= open_rule.skip + open_rule.count) return false;
+  errno = open_rule.err;
+  return true;
+}
+
+mode_t mode_of(int flags, va_list ap) {
+  return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(ap, mode_t) : 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int link(const char* from, const char* to) noexcept {
+  if (link_rule.on) {
+    errno = link_rule.err;
+    return -1;
+  }
+  static auto real = next<int (*)(const char*, const char*)>("link");
+  return real(from, to);
+}
+
+int open(const char* path, int flags, ...) {
+  va_list ap;
+  va_start(ap, flags);
+  const mode_t mode = mode_of(flags, ap);
+  va_end(ap);
+  if (open_fails(path)) return -1;
+  static auto real = next<int (*)(const char*, int, ...)>("open");
+  return real(path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+  va_list ap;
+  va_start(ap, flags);
+  const mode_t mode = mode_of(flags, ap);
+  va_end(ap);
+  if (open_fails(path)) return -1;
+  static auto real = next<int (*)(const char*, int, ...)>("open64");
+  return real(path, flags, mode);
+}
+
+int close(int fd) {
+  static auto real = next<int (*)(int)>("close");
+  if (!close_rule.on) return real(fd);
+  char proc[64], path[SUFFIX_SZ];
+  snprintf(proc, sizeof proc, "/proc/self/fd/%d", fd);
+  const ssize_t n = readlink(proc, path, sizeof path - 1);
+  const bool hit = n > 0 && (path[n] = '\0', ends_with(path, close_rule.suffix));
+  const int r = real(fd);
+  if (!hit || r != 0) return r;
+  errno = close_rule.err;
+  return -1;
+}
+
+}  // extern "C"
