@@ -105,6 +105,11 @@ mode_t mode_of(int flags, va_list ap) {
   return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(ap, mode_t) : 0;
 }
 
+int open_through(const char* name, const char* path, int flags, mode_t mode) {
+  if (open_fails(path)) return -1;
+  return next<int (*)(const char*, int, ...)>(name)(path, flags, mode);
+}
+
 }  // namespace
 
 extern "C" {
@@ -123,9 +128,7 @@ int open(const char* path, int flags, ...) {
   va_start(ap, flags);
   const mode_t mode = mode_of(flags, ap);
   va_end(ap);
-  if (open_fails(path)) return -1;
-  static auto real = next<int (*)(const char*, int, ...)>("open");
-  return real(path, flags, mode);
+  return open_through("open", path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
@@ -133,9 +136,7 @@ int open64(const char* path, int flags, ...) {
   va_start(ap, flags);
   const mode_t mode = mode_of(flags, ap);
   va_end(ap);
-  if (open_fails(path)) return -1;
-  static auto real = next<int (*)(const char*, int, ...)>("open64");
-  return real(path, flags, mode);
+  return open_through("open64", path, flags, mode);
 }
 
 int close(int fd) {
