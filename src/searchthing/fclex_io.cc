@@ -17,12 +17,12 @@
 #include <ctime>
 #include <memory>
 #include <new>
-#include <exception>
 #include <thread>
 #include <vector>
 
 #include "searchthing/check.h"
 #include "searchthing/codes.h"
+#include "searchthing/worker.h"
 
 namespace tarnix {
 
@@ -1099,15 +1099,10 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
     uint32_t split[32];
     std::thread upper_thread;
     if (total >= min_split_terms && place_upper_lexicon(&up, fds, offsets, src_sz, empty, cxts.get(), split)) {
-      const int caller_errno = errno;
-      try {
-        upper_thread = std::thread([&up, &split, hook, caller_errno] {
-          errno = caller_errno;
-          up.rc = merge_loop(up.cxts.get(), up.n, &up.terms, up.which, &up.w, nullptr, false);
-          if (up.rc == 0 && hook != nullptr) hook->fn(hook->cookie, up.which, up.terms._cursor, split);
-        });
-      } catch (const std::exception&) {
-      }
+      (void)start_worker(&upper_thread, [&up, &split, hook] {
+        up.rc = merge_loop(up.cxts.get(), up.n, &up.terms, up.which, &up.w, nullptr, false);
+        if (up.rc == 0 && hook != nullptr) hook->fn(hook->cookie, up.which, up.terms._cursor, split);
+      });
     }
     if (!upper_thread.joinable()) {
       rc = merge_loop(cxts.get(), src_sz, writer, *which_srcs_o, w, nullptr, false);

@@ -18,13 +18,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <exception>
 #include <thread>
 
 #include "searchthing/check.h"
 #include "searchthing/codes.h"
 #include "searchthing/fclex.h"
 #include "searchthing/warmslice.h"
+#include "searchthing/worker.h"
 
 namespace tarnix {
 
@@ -1199,16 +1199,9 @@ struct early_upper {
   static void hook(void* cookie, const bmap_t* which, uint32_t terms, const uint32_t* split) noexcept {
     auto* e = static_cast<early_upper*>(cookie);
     if (!e->place(which, terms, split)) return;
-    const int caller_errno = errno;
-    try {
-      e->worker = std::thread([e, caller_errno] {
-        errno = caller_errno;
-        e->run();
-      });
-    } catch (const std::exception&) {
-      // No thread (no task left, or no memory for its state): the posting
-      // merge splits as it sees fit once the lexicon is done.
-    }
+    // Without a thread the posting merge splits as it sees fit once the
+    // lexicon is done.
+    (void)start_worker(&e->worker, [e] { e->run(); });
   }
 
   // Everything the part needs but the mapping: its bitmaps, each source's
@@ -1441,16 +1434,8 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
   } else if (mode != POSTINGS_ONE_PASS && place_upper(&own, src_fds, src_hdrs, postings_start, src_count, mapping,
                                                      dense_owner.get(), which_srcs, counts, num_terms)) {
     if (mode == POSTINGS_SPLIT_TAKE_OVER) own.gate.store(false, std::memory_order_relaxed);
-    const int caller_errno = errno;
-    try {
-      upper_thread = std::thread([&own, caller_errno] {
-        errno = caller_errno;
-        own.run();
-      });
-      lower_end = own.first_term;
-    } catch (const std::exception&) {
-      // No thread: one merge through all terms.
-    }
+    // Without a thread: one merge through all terms.
+    if (start_worker(&upper_thread, [&own] { own.run(); })) lower_end = own.first_term;
   }
 
   const bool hand_back_on =
@@ -1857,17 +1842,8 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
   lm.page_size = page_size;
   if (!verbose && early_upper::eligible(src_hdrs.get(), src_count)) lm.hook = &hook;
   std::thread lexicon_thread;
-  if (!verbose) {
-    const int caller_errno = errno;  // what the merge would find in errno had it run here
-    try {
-      lexicon_thread = std::thread([&lm, caller_errno] {
-        errno = caller_errno;
-        lm.run();
-      });
-    } catch (const std::exception&) {
-      // No thread: the merge runs here, after the columns.
-    }
-  }
+  // Without a thread the lexicon merge runs here, after the columns.
+  if (!verbose) (void)start_worker(&lexicon_thread, [&lm] { lm.run(); });
   struct join_on_exit {
     std::thread& t;
     early_upper& e;
@@ -1910,17 +1886,7 @@ int st_warm_slice_merge_n(int verbose, int tgt_fd, const int* src_fds, uint32_t 
   std::thread times_thread;
   if (lexicon_beside && _has_full_metadata(&tgt_hdr) && num_terms <= metadata_times::MAX_GATHERED_TERMS) {
     mt.times = c_alloc<int32_t>(2 * uint64_t{num_terms}, false);
-    if (mt.times) {
-      const int caller_errno = errno;
-      try {
-        times_thread = std::thread([&mt, caller_errno] {
-          errno = caller_errno;
-          mt.gather();
-        });
-      } catch (const std::exception&) {
-        mt.times.reset();
-      }
-    }
+    if (mt.times && !start_worker(&times_thread, [&mt] { mt.gather(); })) mt.times.reset();
   }
   struct join_times {
     std::thread& t;
