@@ -9,11 +9,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "searchthing/tsidx.h"
+#include "searchthing/warmslice.h"
 #include "testutil/optimize_bucket.h"
 #include "testutil/testutil.h"
 
@@ -404,6 +406,49 @@ TEST(OptimizeRun, FailedCallsEndThePassCleanly) {
     EXPECT_EQ(all_postings(dir), postings_of(all));
     ASSERT_EQ(system(("rm -rf '" + dir + "'").c_str()), 0);
   }
+}
+
+// The same events indexed twice: without --tstats each twin pair becomes
+// one value of the merged file, with it both stay.
+TEST(OptimizeRun, TstatsKeepsTwinValuesApart) {
+  for (bool tstats : {false, true}) {
+    SCOPED_TRACE(tstats ? "--tstats" : "without --tstats");
+    TempDir d;
+    const auto ev = make_events(5, 40, 100, 7000);
+    ASSERT_NE(write_slice(d.path(), ev), "");
+    ASSERT_NE(write_slice(d.path(), ev), "");
+    std::vector<std::string> args = {"-d", d.path(), "-m", "all"};
+    if (tstats) args.push_back("--tstats");
+    RunResult r = run_optimize(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::vector<std::string> names = tsidx_names(d.path());
+    ASSERT_EQ(names.size(), 1u);
+    wrc w{};
+    warm* h = st_warm_slice_open(d.file(names[0]).c_str(), 0, &w);
+    ASSERT_NE(h, nullptr) << w.message;
+    EXPECT_EQ(st_warm_slice_values(h), tstats ? 80u : 40u);
+    st_warm_slice_close(h);
+  }
+}
+
+// The program installs its crash reporting before anything else: a merge
+// that meets a broken invariant (terms per block 0, which the command line
+// lets through) leaves a report in TARNIX_HOME.
+TEST(OptimizeRun, AbortLeavesACrashReport) {
+  TempDir d;
+  const std::string bucket = d.file("bucket"), logs = d.file("home/var/log/tarnix");
+  ASSERT_EQ(mkdir(bucket.c_str(), 0755), 0);
+  ASSERT_EQ(system(("mkdir -p '" + logs + "'").c_str()), 0);
+  fill_bucket(bucket, 2, 3);
+  std::vector<std::string> env = kOptimizeEnv;
+  env.push_back("TARNIX_HOME=" + d.file("home"));
+  RunResult r = run_optimize({"-d", bucket, "-m", "all", "-b", "0"}, env);
+  EXPECT_EQ(r.status, 128 + SIGABRT) << r.err;
+  EXPECT_NE(r.err.find("Assertion `tperb > 0' failed."), std::string::npos) << r.err;
+  const std::vector<std::string> reports = names_ending(logs, ".log");
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_EQ(reports[0].rfind("crash-", 0), 0u);
+  EXPECT_NE(read_text(logs + "/" + reports[0]).find("Received fatal signal 6 (Aborted).\n"), std::string::npos);
 }
 
 TEST(OptimizeRun, IterationLimitStopsAfterOnePass) {
