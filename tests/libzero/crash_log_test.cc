@@ -88,6 +88,15 @@ __attribute__((noipa, no_sanitize("undefined"))) int crash_divide_by_zero() {
 
 __attribute__((noipa)) void crash_trap() { __builtin_trap(); }
 
+// Recurses until the stack is used up: the handler can only run on a stack
+// of its own.
+volatile bool go_deeper = true;
+__attribute__((noipa, no_sanitize("address", "undefined"))) int crash_stack_overflow(int depth) {
+  volatile char frame[1024];
+  frame[depth % 1024] = static_cast<char>(depth);
+  return go_deeper ? crash_stack_overflow(depth + 1) + frame[0] : frame[0];
+}
+
 // Reads a mapped page that lies beyond the end of a (truncated) file.
 __attribute__((noipa)) int crash_bus(const std::string& path) {
   int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
@@ -346,6 +355,10 @@ TEST(CrashLog, EachFatalSignalLeavesOneCompleteReport) {
       {"non-canonical address", SIGSEGV, [](const std::string&) { crash_noncanonical_write(); },
        {"   Unknown signal origin (si_code=128, si_addr=[0x0000000000000000])."}, true},
 #endif
+      {"stack overflow", SIGSEGV, [](const std::string&) { crash_stack_overflow(0); },
+       {"   No memory mapped at address [0x$$$$$$$$$$$$$$$$].",
+        "   Memory access denied at address [0x$$$$$$$$$$$$$$$$]."},
+       true},
       // A sent SIGSEGV does not repeat: the handler raises it again.
       {"SIGSEGV by kill", SIGSEGV, [](const std::string&) { kill(getpid(), SIGSEGV); }, {"SENT"},
        true},
