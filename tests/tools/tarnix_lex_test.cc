@@ -7,6 +7,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <sstream>
 #include <string>
@@ -194,6 +195,46 @@ TEST(TarnixLex, DirectoryOutcomes) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("failed to open file " + one.file("missing") + "/optimize.result\n"), std::string::npos);
   EXPECT_NE(r.err.find("tarnix-lex: merging failed: rc=-1 (WS_ENOTAVAIL)"), std::string::npos) << r.err;
+}
+
+// System calls made to fail inside the merge (tests/preload): the merged
+// lexicon never appears half-made, the temporary stays for inspection, and
+// the next run replaces it and finishes.
+TEST(TarnixLex, FailedCallsLeaveNoMergedLexicon) {
+  TempDir dir;
+  make_bucket(dir, 240, 9);
+  const term_counts all = expected_union(dir);
+  struct {
+    std::string fault;
+    const char* err;
+    const char* status_line;
+  } cases[] = {
+      {"TARNIX_FAIL_LINK=1", "tarnix-lex: merging failed: rc=-35 (ST_EMOVE) errno=1",
+       "tarnix-optimize-lex complete with rc=-35 wrc=[-35,1]"},
+      {"TARNIX_FAIL_CLOSE=merged_lexicon.lex.tmp:5", "tarnix-lex: merging failed: rc=-11 (WS_ECLOSE) errno=5",
+       "tarnix-optimize-lex complete with rc=-11 wrc=[-11,5]"},
+      {"TARNIX_FAIL_OPEN=.tsidx:2:1:13", "tarnix-lex: merging failed: rc=-4 (WS_EOPEN) errno=13",
+       "tarnix-optimize-lex complete with rc=-4 wrc=[-4,13]"},
+  };
+  const char* asan = getenv("ASAN_OPTIONS");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.fault);
+    RunResult r = testutil::run(
+        {testutil::bin("tarnix-lex"), "-d", dir.path()},
+        {"LD_PRELOAD=" + testutil::bin("libfailcalls.so"), c.fault,
+         std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind(c.err, 0), 0u) << r.err;
+    EXPECT_EQ(testutil::read_text(dir.file("optimize.result")).rfind(c.status_line, 0), 0u);
+    EXPECT_FALSE(exists(dir.file("merged_lexicon.lex")));
+    EXPECT_TRUE(exists(dir.file("merged_lexicon.lex.tmp")));
+
+    r = lex({"-d", dir.path()});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_FALSE(exists(dir.file("merged_lexicon.lex.tmp")));
+    EXPECT_EQ(parse_list(lex({"--list", dir.file("merged_lexicon.lex")}).out), all);
+    ASSERT_EQ(unlink(dir.file("merged_lexicon.lex").c_str()), 0);
+  }
 }
 
 TEST(TarnixLex, ListRefusesWhatItCannotRead) {
