@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -423,6 +424,78 @@ TEST(CrashLog, EachFatalSignalLeavesOneCompleteReport) {
     EXPECT_EQ(r.find("Threads running"), std::string::npos);
     // The saved errno is the one before the signal.
     expect_in_order(r, {"Last errno: " + std::to_string(EDOM) + "\n\nx86 CPUID registers:\n"});
+  }
+}
+
+// Every cause line, from signals the child sends itself with the code, error
+// number and address a fault would carry. A fault that was only sent does
+// not come back once the handler returns, so such a child lives on.
+TEST(CrashLog, CauseLineOfEveryCode) {
+  constexpr uintptr_t ADDR = 0x1234ABCD;
+  const std::string at = " at address [0x000000001234ABCD].";
+  struct cause_case {
+    int sig, code, err;
+    std::string line;
+  };
+  std::vector<cause_case> cases = {
+      {SIGSEGV, 1, 0, "   No memory mapped" + at},
+      {SIGSEGV, 2, 0, "   Memory access denied" + at},
+      {SIGBUS, 1, 0, "   Unaligned memory access" + at},
+      {SIGBUS, 2, 0, "   Non-existent accessed physical address" + at},
+      {SIGBUS, 3, 12, "   Out of swap space" + at},
+      {SIGBUS, 3, 5, "   Hardware error" + at},
+      {SIGSEGV, 3, 7, "   Unknown signal origin (si_code=3, si_addr=[0x000000001234ABCD], si_errno=7)."},
+      {SIGBUS, 4, 0, "   Unknown signal origin (si_code=4, si_addr=[0x000000001234ABCD])."},
+      {SIGFPE, 9, 0, "   Unknown signal origin (si_code=9, si_addr=[0x000000001234ABCD])."},
+      {SIGILL, 9, 0, "   Unknown signal origin (si_code=9, si_addr=[0x000000001234ABCD])."},
+      {SIGABRT, 5, 0, "   Unknown signal origin (si_code=5)."},
+      {SIGABRT, SI_QUEUE, 0, "SENT"},
+  };
+  const char* fpe[] = {"Integer division by zero",        "Integer overflow",
+                       "Floating point division by zero", "Floating point overflow",
+                       "Floating point underflow",        "Inexact floating point result",
+                       "Invalid floating point operation", "Floating point subscript out of range"};
+  const char* ill[] = {"Illegal opcode",      "Illegal operand for opcode", "Illegal addressing mode for opcode",
+                       "Illegal trap",        "Privileged opcode",          "Privileged register access",
+                       "Coprocessor error",   "Internal stack error"};
+  for (int k = 0; k < 8; ++k) {
+    cases.push_back({SIGFPE, k + 1, 0, std::string("   ") + fpe[k] + at});
+    cases.push_back({SIGILL, k + 1, 0, std::string("   ") + ill[k] + at});
+  }
+  for (const cause_case& c : cases) {
+    SCOPED_TRACE(std::string(strsignal(c.sig)) + " code " + std::to_string(c.code));
+    TempDir tmp;
+    death d = run_child([&] { return crash_log_creator_init(tmp.path().c_str()) == 0 ? c.sig : -1; },
+                        [&] {
+                          siginfo_t info;
+                          memset(&info, 0, sizeof info);
+                          info.si_signo = c.sig;
+                          info.si_code = c.code;
+                          info.si_errno = c.err;
+                          if (c.code > 0) {
+                            info.si_addr = reinterpret_cast<void*>(ADDR);
+                          } else {
+                            info.si_pid = getpid();
+                            info.si_uid = getuid();
+                          }
+                          syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), c.sig, &info);
+                        });
+    if (!d.signaled && d.status == CHILD_NOT_INSTALLED) GTEST_SKIP() << "the crash handler cannot be installed";
+    // Sent without a fault: raised again when only sent, else the child goes on.
+    if (c.code > 0) {
+      EXPECT_FALSE(d.signaled);
+      EXPECT_EQ(d.status, CHILD_SURVIVED);
+    } else {
+      EXPECT_TRUE(d.signaled);
+      EXPECT_EQ(d.sig, c.sig);
+    }
+    const std::vector<std::string> lines = split_lines(the_report(tmp.path()));
+    const size_t cause = find_line(lines, " Cause:") + 1;
+    ASSERT_LT(cause, lines.size());
+    const std::string want = c.line != "SENT" ? c.line
+                                              : "   Signal sent by PID " + std::to_string(d.pid) +
+                                                    " running under UID " + std::to_string(getuid()) + ".";
+    EXPECT_EQ(lines[cause], want);
   }
 }
 
