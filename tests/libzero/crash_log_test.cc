@@ -598,6 +598,17 @@ TEST(CrashLog, AbortReportShowsTheCleanedTailOfStderr) {
   }
   long_content += assertion;
   long_tail += "    " + assertion;
+  // 25 lines of 32 bytes fill the 800 bytes exactly. Before them, a line
+  // end keeps the window's first byte a line start; another byte does not.
+  std::string lines_800, tail_800;
+  for (int i = 0; i < 25; ++i) {
+    char buf[64];
+    snprintf(buf, sizeof(buf), "line %02d .......................\n", i);
+    lines_800 += buf;
+    tail_800 += std::string("    ") + buf;
+  }
+  ASSERT_EQ(lines_800.size(), 800u);
+  const std::string tail_800_but_first = tail_800.substr(tail_800.find('\n') + 1);
   static const char tricky_raw[] =
       "first\n\tindented\r\n\n\r\nbin\x01"
       "ary\x7f\xff end\nnul\0byte\nno line end";
@@ -616,6 +627,9 @@ TEST(CrashLog, AbortReportShowsTheCleanedTailOfStderr) {
       {"short file: all of it, cleaned", SIGABRT, true, tricky,
        "    first\n     indented\n    bin?ary?? end\n    nulbyte\n    no line end\n"},
       {"long file: from the first line start in the last 800 bytes", SIGABRT, true, long_content, long_tail},
+      {"exactly 800 bytes: all of it", SIGABRT, true, lines_800, tail_800},
+      {"801 bytes after a line end: the window starts a line", SIGABRT, true, "\n" + lines_800, tail_800},
+      {"801 bytes inside a line: from the next one", SIGABRT, true, "x" + lines_800, tail_800_but_first},
       {"empty file: no section", SIGABRT, true, "", ""},
       {"not registered: no section", SIGABRT, false, "lost\n", ""},
       {"not an abort: no section", SIGFPE, true, "kept out\n", ""},
