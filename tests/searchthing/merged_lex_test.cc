@@ -258,6 +258,11 @@ TEST_F(MergedLex, ThirtyTwoFilesMergeAndThirtyThreeAreRefused) {
   EXPECT_EQ(status().rfind("tarnix-optimize-lex complete with rc=-32 wrc=[-32,", 0), 0u) << status();
   EXPECT_FALSE(exists(merged()));
   EXPECT_FALSE(exists(merged() + ".tmp"));
+  // Quietly: the same refusal, and not a word.
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(st_optimize_lex(dir.path().c_str(), 0, 64, 0, 0, 0, &w), ST_ETOOMANY);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_FALSE(exists(merged()));
 
   ASSERT_EQ(unlink(dir.file(testutil::tsidx_names(dir.path())[5]).c_str()), 0);
   const term_counts want = expected_union();
