@@ -513,6 +513,14 @@ void _st_tsidx_note_full(tsidx* t, int full_code) noexcept {
 int st_tsidx_put(tsidx* t, const char* term, uint32_t len, int32_t timestamp,
                  uint32_t event_address, uint32_t event_type, uint32_t source,
                  uint32_t source_type, uint32_t host) noexcept {
+  // A 32-bit attribute column reads back as 0 (its decoding masks every bit
+  // away), so no attribute that must survive may need one. The source
+  // 0xFFFFFFFF marks a deleted event and is kept out of the column's width.
+  constexpr uint32_t ATTRIBUTE_LIMIT = 0x80000000u;
+  if (event_type >= ATTRIBUTE_LIMIT || source_type >= ATTRIBUTE_LIMIT || host >= ATTRIBUTE_LIMIT ||
+      (source >= ATTRIBUTE_LIMIT && source != 0xFFFFFFFFu)) {
+    return WS_ENONAME;
+  }
   int r = ensure_hot_slice(t);
   if (r != 0) return r;
   r = st_hot_slice_put(t->hot_slice, term, len, timestamp, event_address, event_type, source,

@@ -152,7 +152,9 @@ int _st_tsidx_move_into_place(const char* from, char* to, const char* dir, const
 // the first put. When the slice is full the handle flushes it (st_tsidx_sync)
 // and retries once. An empty term is a capacity probe: it flushes a slice
 // that is more than 7/8 full, so that the next event fits whole. Returns 0,
-// a hot-slice put code (-5: NUL within the term), or the failing flush's or
+// -37 for an event type, source, source type or host of 2^31 or more (the
+// source 0xFFFFFFFF of a deleted event aside) without storing anything, a
+// hot-slice put code (-5: NUL within the term), or the failing flush's or
 // create's code.
 int st_tsidx_put(tsidx* t, const char* term, uint32_t len, int32_t timestamp,
                  uint32_t event_address, uint32_t event_type, uint32_t source,

@@ -543,6 +543,37 @@ TEST(TsidxPut, TermWithANulIsRefusedWithoutAFlush) {
   EXPECT_TRUE(testutil::list_dir(d.path()).empty());
 }
 
+// Attributes are written into columns of at most 31 bits, where they read
+// back exactly; a wider one would read back as 0 for every event of the
+// file, so it is refused before anything is stored.
+TEST(TsidxPut, AttributesWiderThan31BitsAreRefused) {
+  TempDir d;
+  TsidxPtr t = open_dir(d.path());
+  constexpr uint32_t TOP = 0x7FFFFFFFu, WIDE = 0x80000000u;
+  ASSERT_EQ(st_tsidx_put(t.get(), "kept", 4, 7, 1, TOP, TOP, TOP, TOP), 0);
+  const uint32_t nodes = t->hot_slice->nodes_used;
+  struct {
+    uint32_t event_type, source, source_type, host;
+  } wide[] = {{WIDE, 0, 0, 0}, {0, WIDE, 0, 0}, {0, 0xFFFFFFFEu, 0, 0}, {0, 0, WIDE, 0}, {0, 0, 0, 0xFFFFFFFFu}};
+  for (const auto& w : wide) {
+    EXPECT_EQ(st_tsidx_put(t.get(), "lost", 4, 8, 2, w.event_type, w.source, w.source_type, w.host), WS_ENONAME);
+  }
+  EXPECT_EQ(t->hot_slice->nodes_used, nodes);
+  // A deleted event's source is no attribute value.
+  ASSERT_EQ(st_tsidx_put(t.get(), "gone", 4, 9, 3, 1, 0xFFFFFFFFu, 1, 1), 0);
+  ASSERT_EQ(st_tsidx_sync(t.get()), 0);
+
+  testutil::BucketContent b = testutil::read_bucket(d.path());
+  EXPECT_TRUE(b.problems.empty()) << b.problems[0];
+  ASSERT_EQ(b.index.events.count(1), 1u);
+  const tsval& v = b.index.events[1];
+  EXPECT_EQ(v.event_type, TOP);
+  EXPECT_EQ(v.source, TOP);
+  EXPECT_EQ(v.source_type, TOP);
+  EXPECT_EQ(v.host, TOP);
+  EXPECT_EQ(b.index.term_addresses.count("lost"), 0u);
+}
+
 TEST(TsidxPut, OddOrSmallTermLimitsStillMakeASlice) {
   TempDir d;
   TsidxPtr t = open_dir(d.path());

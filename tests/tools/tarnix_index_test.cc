@@ -218,6 +218,11 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{"address too large", {}, OK1 + "1\t4294967296\t0\t0\t0\t0\tx\n", 2, "event_address", 1},
         BadInput{"host negative", {}, "1\t1\t0\t0\t0\t-1\tx\n", 1, "host", 0},
         BadInput{"deleted source", {}, OK1 + "1\t9\t0\t4294967295\t0\t0\tx\n", 2, "deleted", 1},
+        // An attribute needs at most 31 bits: a wider one would read back as 0.
+        BadInput{"host of 32 bits", {}, OK1 + "1\t9\t0\t0\t0\t2147483648\tx\n", 2,
+                 "host \"2147483648\" is above 2147483647", 1},
+        BadInput{"source of 32 bits", {}, OK1 + "1\t9\t0\t4294967294\t0\t0\tx\n", 2,
+                 "source \"4294967294\" is above 2147483647", 1},
         BadInput{"NUL in a term", {}, OK1 + OK2 + std::string("1\t9\t0\t0\t0\t0\tab\0c\n", 17), 3, "NUL", 2},
         BadInput{"double space", {}, OK1 + "1\t9\t0\t0\t0\t0\ta  b\n", 2, "empty term 2", 1},
         BadInput{"trailing space", {}, "1\t9\t0\t0\t0\t0\ta \n", 1, "empty term 2", 0},

@@ -38,9 +38,11 @@ constexpr const char USAGE[] =
     "slice writes one \".tsidx\" file there. Events are read from FILE (standard\n"
     "input when it is \"-\" or missing), one a line, fields separated by tabs:\n"
     "  timestamp  event_address  event_type  source  source_type  host  terms\n"
-    "where timestamp is a signed 32-bit number of seconds, the next five are\n"
-    "unsigned 32-bit numbers (source 4294967295 marks deleted events and is\n"
-    "refused), and terms are one or more terms separated by single spaces.\n"
+    "where timestamp is a signed 32-bit number of seconds, event_address an\n"
+    "unsigned 32-bit number, the next four are numbers below 2147483648 (an\n"
+    "attribute column holds at most 31 bits; source 4294967295 marks deleted\n"
+    "events and is refused), and terms are one or more terms separated by\n"
+    "single spaces.\n"
     "\n"
     "options:\n"
     "  -d DIR               bucket directory (must exist)\n"
@@ -223,6 +225,11 @@ std::string parse_line(std::string_view line, parsed_event* e) {
     }
   }
   if (e->fields[2] == 0xFFFFFFFFu) return "source 4294967295 marks deleted events";
+  for (int i = 1; i < 5; ++i) {
+    if (e->fields[i] > 0x7FFFFFFFu) {
+      return std::string(NAMES[1 + i]) + " \"" + std::string(f[1 + i]) + "\" is above 2147483647";
+    }
+  }
   std::string_view terms = f[6];
   if (terms.find('\t') != std::string_view::npos) return "a term holds a tab (more than 7 fields)";
   e->terms.clear();
