@@ -158,6 +158,8 @@ std::vector<event> make_events(bool streaming, uint32_t seed, uint32_t n_events)
   if (!streaming) {
     // Some events come back later, out of order.
     for (uint32_t e = 0; e < n_events; e += 3) out.emplace_back("late", evs[e]);
+    // A pair seen long before: one posting, and one in the term's count.
+    out.emplace_back("common", evs[0]);
   }
   return out;
 }
