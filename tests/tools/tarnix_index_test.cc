@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "testutil/bucket_reader.h"
+#include "testutil/optimize_bucket.h"
 #include "testutil/testutil.h"
 
 using testutil::RunResult;
@@ -254,6 +255,19 @@ TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
   r = run_index({"-d", d.path(), d.file("no-such-input")});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("cannot open"), std::string::npos);
+
+  // Files may not grow past 20 KiB: the flush's write fails, and no part of
+  // an index file is left under any name.
+  TempDir small;
+  r = testutil::run({"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 40; exec \"$0\" \"$@\"", testutil::bin("tarnix-index"),
+                     "-d", small.path(), "--generate", "3000", "--max-values", "200", "-q"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(testutil::pattern_match(
+      r.err, "tarnix-index: line {N}: writing an index file into " + small.path() + " failed: WS_EWRITE{*}\n"))
+      << r.err;
+  for (const std::string& name : testutil::list_dir(small.path())) {
+    EXPECT_EQ(name.find(".tsidx"), std::string::npos) << name;
+  }
 }
 
 TEST(TarnixIndex, UsageErrors) {
