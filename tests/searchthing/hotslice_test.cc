@@ -220,6 +220,42 @@ TEST(HotSlice, FullCodes) {
   }
 }
 
+// The edges of put's checks: each one refuses, or lets through, exactly
+// what the slice can hold.
+TEST(HotSlice, PutChecksAtTheirEdges) {
+  {
+    // Streaming values run out at the capacity, and a full table refuses
+    // every put, the last event's too: the caller flushes first.
+    slice_ptr h(make(1 << 16, 258, 1024, 3, true));
+    for (uint32_t e = 1; e <= 3; ++e) ASSERT_EQ(put(h, "a", static_cast<int32_t>(e), e), 0);
+    EXPECT_EQ(put(h, "a", 4, 4), -2);
+    EXPECT_EQ(h->nodes_used, 3u);
+    EXPECT_EQ(put(h, "b", 3, 3), -2);
+    EXPECT_EQ(prep(h).values, 3u);
+  }
+  {
+    // Term bytes are held against the cut length, 2047 and the NUL.
+    slice_ptr h(make(2100, 258, 64, 64, false));
+    EXPECT_EQ(put(h, std::string(3000, 'q'), 1, 1), 0);
+    EXPECT_EQ(h->term_bytes_used, 2048u);
+  }
+  {
+    // A keyword that starts with a NUL is a probe, whatever its length.
+    slice_ptr h(make(1024, 258, 1024, 1024, false));
+    EXPECT_EQ(st_hot_slice_put(h, "\0ab", 3, 1, 1, 0, 0, 0, 0), 0);
+    EXPECT_EQ(h->term_count, 0u);
+    EXPECT_EQ(h->nodes_used, 0u);
+  }
+  {
+    // Addresses whose probe steps cycle over full slots of a small table.
+    slice_ptr h(make(1 << 16, 258, 1024, 6, false));
+    for (uint32_t a : {3u, 15u, 27u, 39u, 51u, 63u}) ASSERT_EQ(put(h, "a", 1, a), 0) << a;
+    const prepared p = prep(h);
+    EXPECT_EQ(p.values, 6u);
+    EXPECT_EQ(ids_of(h, 0).size(), 6u);
+  }
+}
+
 TEST(HotSliceDeathTest, StreamingRejectsEarlierEvent) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
