@@ -8,11 +8,16 @@
 //                             error number E (N = 0: every one after the K)
 //   TARNIX_FAIL_CLOSE=S:E     close() of a descriptor whose file's path ends
 //                             in S closes it and then fails with E
+//   TARNIX_FIXED_TIME=T       gettimeofday() always gives T seconds and rand()
+//                             always 0, so that every file name the program
+//                             makes is known beforehand (nothing may wait for
+//                             the clock to move)
 //
 // S may hold ':'; the numbers are taken from the end.
 #undef _FORTIFY_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -35,6 +40,8 @@ struct rule {
 };
 
 rule link_rule, open_rule, close_rule;
+bool time_fixed = false;
+long fixed_seconds = 0;
 std::atomic<long> opens_seen{0};
 
 // Takes the last `n` ':'-separated numbers off text into out[] (in order)
@@ -84,6 +91,12 @@ __attribute__((constructor)) void read_settings() {
     if (!split(v, 1, close_rule.suffix, n)) bad_setting("TARNIX_FAIL_CLOSE");
     close_rule.on = true;
     close_rule.err = static_cast<int>(n[0]);
+  }
+  if (const char* v = getenv("TARNIX_FIXED_TIME")) {
+    char* stop = nullptr;
+    fixed_seconds = strtol(v, &stop, 10);
+    if (*v == '\0' || *stop != '\0') bad_setting("TARNIX_FIXED_TIME");
+    time_fixed = true;
   }
 }
 
@@ -150,6 +163,19 @@ int close(int fd) {
   if (!hit || r != 0) return r;
   errno = close_rule.err;
   return -1;
+}
+
+int gettimeofday(struct timeval* tv, void* tz) noexcept {
+  static auto real = next<int (*)(struct timeval*, void*)>("gettimeofday");
+  if (!time_fixed) return real(tv, tz);
+  tv->tv_sec = fixed_seconds;
+  tv->tv_usec = 0;
+  return 0;
+}
+
+int rand() noexcept {
+  static auto real = next<int (*)()>("rand");
+  return time_fixed ? 0 : real();
 }
 
 }  // extern "C"
