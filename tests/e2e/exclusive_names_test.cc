@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "searchthing/tsidx.h"
 #include "testutil/optimize_bucket.h"
 #include "testutil/testutil.h"
 
@@ -109,6 +110,41 @@ TEST(ExclusiveNames, OptimizerNeverOverwrites) {
   std::vector<posting> merged;
   ASSERT_TRUE(read_postings(d.file(merges[0]), &merged));
   EXPECT_EQ(merged, postings_of(all));
+}
+
+// The intermediate's name holds the process id: a shell that puts a file
+// there and then becomes the optimizer takes it first. The pass ends with
+// its own code and leaves that file, the sources and their locks as they
+// were.
+TEST(ExclusiveNames, IntermediateAlreadyThere) {
+  TempDir d;
+  // Two files of different sizes: the smaller is the group's first member.
+  for (uint32_t values : {20u, 40u}) {
+    ASSERT_NE(write_slice(d.path(), make_events(values, values, 100 * values, 5000)), "");
+  }
+  std::vector<std::string> sources = tsidx_names(d.path());
+  std::vector<std::string> bytes;
+  for (const std::string& s : sources) bytes.push_back(read_text(d.file(s)));
+  if (file_size(d.file(sources[0])) > file_size(d.file(sources[1]))) std::swap(sources[0], sources[1]);
+  int32_t e[2], l[2];
+  uint64_t id[2];
+  for (int m = 0; m < 2; ++m) ASSERT_EQ(tarnix::st_tsidx_file_parse(sources[m].c_str(), &e[m], &l[m], &id[m]), 1);
+  const std::string stem = d.path() + "/" + std::to_string(e[0]) + ":" + std::to_string(e[1]) + ":" +
+                           std::to_string(id[0]) + "-" + std::to_string(l[0]) + ":" + std::to_string(l[1]) + ":" +
+                           std::to_string(id[1]) + "-";
+
+  RunResult r = run({"/bin/sh", "-c", "p=$1; shift; printf %s \"$0\" > \"$p$$.merge\" && exec \"$@\"", kJunk, stem,
+                     bin("tarnix-optimize"), "-d", d.path(), "-m", "all", "-v"},
+                    kOptimizeEnv);
+  EXPECT_EQ(r.status, 256 - 28) << r.err;
+  EXPECT_NE(r.err.find("(rc=-28 "), std::string::npos) << r.err;
+  const std::vector<std::string> merges = names_ending(d.path(), ".merge");
+  ASSERT_EQ(merges.size(), 1u);
+  EXPECT_EQ(read_text(d.file(merges[0])), kJunk);
+  EXPECT_EQ(names_ending(d.path(), ".lock").size(), 0u);
+  std::sort(sources.begin(), sources.end());
+  EXPECT_EQ(tsidx_names(d.path()), sources);
+  for (size_t k = 0; k < sources.size(); ++k) EXPECT_EQ(read_text(d.file(sources[k])), bytes[k]);
 }
 
 }  // namespace
