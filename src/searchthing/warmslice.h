@@ -154,6 +154,7 @@ int _plist_writer_close(plw* w) noexcept;                 // 0 or -9
 
 struct plist_reader {
   int fd;
+  const uint8_t* mem;         // not null: the file is in memory here, fd unused
   uint8_t buf[PLR_BUF_SZ];
   uint64_t postings_offset;   // file offset of the postings section
   uint64_t postings_size;

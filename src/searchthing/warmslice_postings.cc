@@ -208,6 +208,7 @@ int _init_reader_helper(plist_reader* r, int fd, uint64_t table_offset, uint32_t
                         uint64_t postings_offset, uint64_t postings_size, uint32_t bufcap,
                         uint32_t* timing) noexcept {
   r->fd = fd;
+  r->mem = nullptr;
   r->postings_offset = postings_offset;
   r->postings_size = postings_size;
   r->buf_start = 0;
@@ -227,8 +228,11 @@ int _init_reader(plist_reader* r, warm* w, uint32_t bufcap, uint32_t* timing) no
   const warm_header* h = warm_hdr(w);
   const uint64_t postings_offset = static_cast<uint64_t>(w->postings - w->body);
   const uint64_t postings_size = st_warm_slice_postings_size(w);
-  return _init_reader_helper(r, w->fd, _offset_pl_offs(h), hdr_num_terms(h), _get_plo_size(h), postings_offset,
-                             postings_size, bufcap, timing);
+  const int rc = _init_reader_helper(r, w->fd, _offset_pl_offs(h), hdr_num_terms(h), _get_plo_size(h),
+                                     postings_offset, postings_size, bufcap, timing);
+  // A writer's handle has no descriptor: its whole file is in its buffer.
+  if (w->fd < 0) r->mem = r->plo_reader.mem = w->body;
+  return rc;
 }
 
 namespace {
@@ -345,7 +349,9 @@ inline int refill_if_short(plist_reader* r) noexcept {
   if (r->valid - r->pos >= 5 || r->buf_start + r->valid >= r->postings_size) return WS_SUCCESS;
   r->buf_start += r->pos;
   const uint64_t want = std::min<uint64_t>(PLR_BUF_SZ, r->postings_size - r->buf_start);
-  ssize_t got = st_timed_pread_msg(r->fd, r->buf, want, r->postings_offset + r->buf_start, r->timing, 1);
+  const uint64_t at = r->postings_offset + r->buf_start;
+  ssize_t got = r->mem != nullptr ? (memcpy(r->buf, r->mem + at, want), static_cast<ssize_t>(want))
+                                  : st_timed_pread_msg(r->fd, r->buf, want, at, r->timing, 1);
   r->pos = 0;
   if (got < 1) {
     r->valid = 0;

@@ -159,6 +159,7 @@ int _aw_close(aw* w) noexcept;
 struct ar_reader {
   uint8_t* buf;
   int fd;
+  const uint8_t* mem;   // not null: the file is in memory here, fd unused
   uint64_t offset;      // file offset of record 0
   uint64_t _obj_sz;
   uint32_t cursor;      // next record number
