@@ -60,6 +60,7 @@ struct prepared {
   int rc;
   int32_t latest, earliest;
   uint32_t values, terms, postings;
+  bool operator==(const prepared&) const = default;
 };
 prepared prep(hot_slice* h) {
   prepared p{};
@@ -100,54 +101,38 @@ TEST(HotSlice, CreateChecksCapacities) {
   }
 }
 
-TEST(HotSlice, SameTermSameEventStoresOnePosting) {
-  for (bool streaming : {false, true}) {
-    slice_ptr h(make(4096, 258, 64, 64, streaming));
-    ASSERT_EQ(put(h, "error", 10, 7), 0);
-    ASSERT_EQ(put(h, "error", 10, 7), 0);
-    EXPECT_EQ(h->nodes_used, 1u);
-    EXPECT_EQ(h->term_metadata[0].count, 1u);
-    const prepared p = prep(h);
-    ASSERT_EQ(p.rc, 0);
-    EXPECT_EQ(p.postings, 1u);
-    EXPECT_EQ(p.values, 1u);
-    EXPECT_EQ(ids_of(h, 0), std::vector<uint32_t>{0});
+// A (term, event) pair put again right away is stored once; an event that
+// comes back later in normal mode is merged at prepare, and num_postings
+// still counts the duplicates of the last term (only).
+TEST(HotSlice, DuplicatePostings) {
+  struct put_args {
+    const char* term;
+    int32_t ts;
+    uint32_t addr;
+  };
+  struct row {
+    const char* what;
+    bool streaming;
+    std::vector<put_args> puts;
+    uint32_t nodes, first_count;
+    prepared want;
+    std::vector<std::vector<uint32_t>> ids;  // per sorted term
+  } rows[] = {
+      {"same pair", false, {{"error", 10, 7}, {"error", 10, 7}}, 1, 1, {0, 10, 10, 1, 1, 1}, {{0}}},
+      {"same pair streaming", true, {{"error", 10, 7}, {"error", 10, 7}}, 1, 1, {0, 10, 10, 1, 1, 1}, {{0}}},
+      {"event again", false, {{"x", 1, 1}, {"x", 2, 2}, {"x", 1, 1}}, 3, 3, {0, 2, 1, 2, 1, 3}, {{0, 1}}},
+      {"first term's duplicate", false, {{"a", 1, 1}, {"a", 2, 2}, {"a", 1, 1}, {"b", 3, 3}, {"b", 2, 2}}, 5, 3,
+       {0, 3, 1, 3, 2, 4}, {{1, 2}, {0, 1}}},
+  };
+  for (const row& r : rows) {
+    slice_ptr h(make(4096, 258, 64, 64, r.streaming));
+    for (const put_args& a : r.puts) ASSERT_EQ(put(h, a.term, a.ts, a.addr), 0) << r.what;
+    EXPECT_EQ(h->nodes_used, r.nodes) << r.what;
+    EXPECT_EQ(h->term_metadata[0].count, r.first_count) << r.what;
+    EXPECT_EQ(prep(h), r.want) << r.what;
+    for (uint32_t t = 0; t < r.ids.size(); ++t) EXPECT_EQ(ids_of(h, t), r.ids[t]) << r.what << " term " << t;
+    EXPECT_EQ(prep(h), r.want) << r.what << ": prepared twice, the saved results";
   }
-}
-
-TEST(HotSlice, RepeatedEventInNormalModeIsDeduplicatedAtPrepare) {
-  slice_ptr h(make(4096, 258, 64, 64, false));
-  ASSERT_EQ(put(h, "x", 1, 1), 0);
-  ASSERT_EQ(put(h, "x", 2, 2), 0);
-  ASSERT_EQ(put(h, "x", 1, 1), 0);
-  EXPECT_EQ(h->nodes_used, 3u);
-  EXPECT_EQ(h->term_metadata[0].count, 3u);
-  const prepared p = prep(h);
-  ASSERT_EQ(p.rc, 0);
-  EXPECT_EQ(p.values, 2u);
-  EXPECT_EQ(ids_of(h, 0), (std::vector<uint32_t>{0, 1}));
-  // The duplicate belonged to the last term: num_postings keeps it.
-  EXPECT_EQ(p.postings, 3u);
-}
-
-TEST(HotSlice, NumPostingsCountsOnlyTheLastTermsDuplicates) {
-  slice_ptr h(make(4096, 258, 64, 64, false));
-  // "a" has a duplicate, "b" (the last term) has none.
-  ASSERT_EQ(put(h, "a", 1, 1), 0);
-  ASSERT_EQ(put(h, "a", 2, 2), 0);
-  ASSERT_EQ(put(h, "a", 1, 1), 0);
-  ASSERT_EQ(put(h, "b", 3, 3), 0);
-  ASSERT_EQ(put(h, "b", 2, 2), 0);
-  const prepared p = prep(h);
-  ASSERT_EQ(p.rc, 0);
-  EXPECT_EQ(p.postings, 4u);
-  EXPECT_EQ(ids_of(h, 0), (std::vector<uint32_t>{1, 2}));
-  EXPECT_EQ(ids_of(h, 1), (std::vector<uint32_t>{0, 1}));
-  // Prepared twice: the saved results.
-  const prepared again = prep(h);
-  EXPECT_EQ(again.postings, 4u);
-  EXPECT_EQ(again.latest, 3);
-  EXPECT_EQ(again.earliest, 1);
 }
 
 TEST(HotSlice, LongTermIsCutTo2047Bytes) {
@@ -159,6 +144,10 @@ TEST(HotSlice, LongTermIsCutTo2047Bytes) {
   ASSERT_EQ(prep(h).terms, 1u);
   EXPECT_EQ(std::string(h->sorted_terms[0]), t.substr(0, 2047));
   EXPECT_EQ(h->term_bytes_used, 2048u);
+  // Term bytes are held against the cut length, 2047 and the NUL.
+  slice_ptr small(make(2100, 258, 64, 64, false));
+  EXPECT_EQ(put(small, t, 1, 1), 0);
+  EXPECT_EQ(small->term_bytes_used, 2048u);
 }
 
 TEST(HotSlice, EmptyKeywordProbesSevenEighths) {
@@ -171,53 +160,53 @@ TEST(HotSlice, EmptyKeywordProbesSevenEighths) {
   ASSERT_EQ(put(h, "t226", 1, 226), 0);
   EXPECT_EQ(put(h, "", 0, 0), -1);
   EXPECT_EQ(put(h, "t0", 1, 500), 0);  // a real put still fits
-
-  // Values: capacity 16, 16 - 2 = 14.
-  slice_ptr v(make(1 << 16, 258, 1024, 16, false));
-  for (uint32_t i = 0; i < 15; ++i) ASSERT_EQ(put(v, "t", 1, i), 0);
-  EXPECT_EQ(put(v, "", 0, 0), -2);
-  // Nodes: capacity 16.
-  slice_ptr n(make(1 << 16, 258, 16, 1024, true));
-  for (uint32_t i = 0; i < 15; ++i) ASSERT_EQ(put(n, "t" + std::to_string(i), 1, 1), 0);
-  EXPECT_EQ(put(n, "", 0, 0), -3);
-  // Term bytes: capacity 64, 64 - 8 = 56.
-  slice_ptr b(make(64, 258, 1024, 1024, false));
-  ASSERT_EQ(put(b, std::string(56, 'a'), 1, 1), 0);  // 57 bytes with the NUL
-  EXPECT_EQ(put(b, "", 0, 0), -4);
 }
 
+// A slice is filled with n puts (term "t<i>" when none is given; event i + 1,
+// or event 1 for every put), then one more put (a probe when its term is
+// empty) gives the code of the limit reached.
 TEST(HotSlice, FullCodes) {
-  {
-    slice_ptr h(make(1 << 16, 258, 1024, 1024, false));
-    for (uint32_t i = 0; i < 258; ++i) ASSERT_EQ(put(h, "t" + std::to_string(i), 1, i), 0);
-    EXPECT_EQ(put(h, "t0", 1, 999), -1);  // even a known term: the check comes first
+  struct row {
+    const char* what;
+    uint64_t tb, nodes, values;
+    bool streaming;
+    uint32_t n;
+    std::string term;
+    bool same_event;
+    const char* last;
+    int want;
+  } rows[] = {
+      {"terms: even a known term, the check comes first", 1 << 16, 1024, 1024, false, 258, "", false, "t0", -1},
+      {"values", 1 << 16, 1024, 2, false, 2, "a", false, "b", -2},
+      {"nodes", 1 << 16, 2, 1024, true, 2, "", true, "c", -3},
+      {"term bytes: 7 of 8 used", 8, 1024, 1024, false, 1, "abcdef", false, "g", -4},
+      {"probe: values, 16 - 2 = 14", 1 << 16, 1024, 16, false, 15, "t", false, "", -2},
+      {"probe: nodes, 16 - 2 = 14", 1 << 16, 16, 1024, true, 15, "", true, "", -3},
+      {"probe: term bytes, 57 with the NUL, 64 - 8 = 56", 64, 1024, 1024, false, 1, std::string(56, 'a'), false, "",
+       -4},
+  };
+  for (const row& r : rows) {
+    slice_ptr h(make(r.tb, 258, r.nodes, r.values, r.streaming));
+    for (uint32_t i = 0; i < r.n; ++i) {
+      ASSERT_EQ(put(h, r.term.empty() ? "t" + std::to_string(i) : r.term, 1, r.same_event ? 1 : i + 1), 0) << r.what;
+    }
+    EXPECT_EQ(put(h, r.last, 1, r.same_event ? 1 : r.n + 1), r.want) << r.what;
   }
-  {
-    slice_ptr h(make(1 << 16, 258, 1024, 2, false));
-    ASSERT_EQ(put(h, "a", 1, 1), 0);
-    ASSERT_EQ(put(h, "a", 1, 2), 0);
-    EXPECT_EQ(put(h, "b", 1, 3), -2);
-  }
-  {
-    slice_ptr h(make(1 << 16, 258, 2, 1024, true));
-    ASSERT_EQ(put(h, "a", 1, 1), 0);
-    ASSERT_EQ(put(h, "b", 1, 1), 0);
-    EXPECT_EQ(put(h, "c", 1, 1), -3);
-  }
-  {
-    slice_ptr h(make(8, 258, 1024, 1024, false));
-    ASSERT_EQ(put(h, "abcdef", 1, 1), 0);  // 7 bytes used
-    EXPECT_EQ(put(h, "g", 1, 2), -4);
-  }
-  {
-    slice_ptr h(make(1024, 258, 1024, 1024, false));
-    const char kw[] = "ab\0cd";
-    EXPECT_EQ(st_hot_slice_put(h, kw, 5, 1, 1, 0, 0, 0, 0), -5);
-    EXPECT_EQ(st_hot_slice_put(h, kw, 2, 1, 1, 0, 0, 0, 0), 0);
-    EXPECT_EQ(st_hot_slice_put(h, kw, 0, 1, 1, 0, 0, 0, 0), 0);  // length 0: nothing stored
-    EXPECT_EQ(h->term_count, 1u);
-    EXPECT_EQ(h->nodes_used, 1u);
-  }
+}
+
+// A keyword that starts with a NUL is a probe, whatever its length; a NUL
+// further in is refused, unless the length stops before it.
+TEST(HotSlice, KeywordsWithANul) {
+  slice_ptr h(make(1024, 258, 1024, 1024, false));
+  EXPECT_EQ(st_hot_slice_put(h, "\0ab", 3, 1, 1, 0, 0, 0, 0), 0);
+  EXPECT_EQ(h->term_count, 0u);
+  EXPECT_EQ(h->nodes_used, 0u);
+  const char kw[] = "ab\0cd";
+  EXPECT_EQ(st_hot_slice_put(h, kw, 5, 1, 1, 0, 0, 0, 0), -5);
+  EXPECT_EQ(st_hot_slice_put(h, kw, 2, 1, 1, 0, 0, 0, 0), 0);
+  EXPECT_EQ(st_hot_slice_put(h, kw, 0, 1, 1, 0, 0, 0, 0), 0);  // length 0: nothing stored
+  EXPECT_EQ(h->term_count, 1u);
+  EXPECT_EQ(h->nodes_used, 1u);
 }
 
 // The edges of put's checks: each one refuses, or lets through, exactly
@@ -232,19 +221,6 @@ TEST(HotSlice, PutChecksAtTheirEdges) {
     EXPECT_EQ(h->nodes_used, 3u);
     EXPECT_EQ(put(h, "b", 3, 3), -2);
     EXPECT_EQ(prep(h).values, 3u);
-  }
-  {
-    // Term bytes are held against the cut length, 2047 and the NUL.
-    slice_ptr h(make(2100, 258, 64, 64, false));
-    EXPECT_EQ(put(h, std::string(3000, 'q'), 1, 1), 0);
-    EXPECT_EQ(h->term_bytes_used, 2048u);
-  }
-  {
-    // A keyword that starts with a NUL is a probe, whatever its length.
-    slice_ptr h(make(1024, 258, 1024, 1024, false));
-    EXPECT_EQ(st_hot_slice_put(h, "\0ab", 3, 1, 1, 0, 0, 0, 0), 0);
-    EXPECT_EQ(h->term_count, 0u);
-    EXPECT_EQ(h->nodes_used, 0u);
   }
   {
     // Addresses whose probe steps cycle over full slots of a small table.
