@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "searchthing/fclex.h"
 #include "searchthing/result.h"
@@ -24,6 +25,15 @@ inline constexpr int READ_HISTOGRAM_SZ = 7;
 // "read failed fd=%u buf=%p sz=%lu off=%lu nr=%ld, errno=%i\n" to stderr.
 ssize_t st_timed_pread_msg(int fd, void* buf, size_t n, uint64_t offset, uint32_t* histogram,
                            int complain) noexcept;
+// st_timed_pread_msg, or with mem set a copy of mem[offset, offset + n):
+// the readers of a writer's in-memory handle, which has no descriptor, read
+// its buffer instead.
+inline ssize_t st_read_at(int fd, const uint8_t* mem, void* buf, size_t n, uint64_t offset,
+                          uint32_t* histogram) noexcept {
+  if (mem == nullptr) return st_timed_pread_msg(fd, buf, n, offset, histogram, 1);
+  std::memcpy(buf, mem + offset, n);
+  return static_cast<ssize_t>(n);
+}
 // All n bytes at offset, continuing over EINTR and partial transfers. False
 // after an error, a transfer of nothing, or (reading) the end of the file.
 bool st_pread_full(int fd, void* buf, uint64_t n, uint64_t offset) noexcept;

@@ -95,6 +95,7 @@ struct tsval_reader {
   uint8_t* d_array;
   uint32_t et_nbits, s_nbits, st_nbits, h_nbits, d_nbits;
   int _fd;
+  const uint8_t* _mem;         // not null: the file is in memory here, _fd unused
   uint64_t values_offset;
   uint32_t _num_values;
   uint8_t* _buf;               // read-ahead of raw records, or null

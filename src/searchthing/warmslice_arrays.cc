@@ -94,8 +94,7 @@ const uint8_t* _ar_get_loaded(ar_reader* r, uint64_t objsz, wrc* w) noexcept {
     r->buffered = std::min(r->capacity, r->count - c);
     const uint64_t n = r->buffered * r->_obj_sz;
     const uint64_t at = r->offset + static_cast<uint64_t>(c) * r->_obj_sz;
-    ssize_t got = r->mem != nullptr ? (memcpy(r->buf, r->mem + at, n), static_cast<ssize_t>(n))
-                                    : st_timed_pread_msg(r->fd, r->buf, n, at, r->timing, 1);
+    ssize_t got = st_read_at(r->fd, r->mem, r->buf, n, at, r->timing);
     if (got < 0 || static_cast<uint64_t>(got) != n) {
       _set_rc(w, WS_EREAD);
       return nullptr;

@@ -350,8 +350,7 @@ inline int refill_if_short(plist_reader* r) noexcept {
   r->buf_start += r->pos;
   const uint64_t want = std::min<uint64_t>(PLR_BUF_SZ, r->postings_size - r->buf_start);
   const uint64_t at = r->postings_offset + r->buf_start;
-  ssize_t got = r->mem != nullptr ? (memcpy(r->buf, r->mem + at, want), static_cast<ssize_t>(want))
-                                  : st_timed_pread_msg(r->fd, r->buf, want, at, r->timing, 1);
+  ssize_t got = st_read_at(r->fd, r->mem, r->buf, want, at, r->timing);
   r->pos = 0;
   if (got < 1) {
     r->valid = 0;

@@ -82,6 +82,8 @@ int _tsval_reader_open(tsval_reader* r, warm* w, uint32_t bufcap, uint32_t* timi
   r->d_nbits = d_nbits(h);
   r->borrowed = true;
   r->_fd = w->fd;
+  // A writer's handle has no descriptor: its whole file is in its buffer.
+  r->_mem = w->fd < 0 ? w->body : nullptr;
   r->values_offset = static_cast<uint64_t>(w->values - w->body);
   r->_num_values = hdr_num_values(h);
   r->timing = timing;
@@ -112,7 +114,7 @@ int tsval_reader_decode_hint(tsval_reader* r, uint32_t id, tsval* out, uint32_t 
   const uint64_t off = r->values_offset + static_cast<uint64_t>(id) * TSVAL_RECORD_SZ;
   if (r->capacity == 0) {
     uint8_t rec[TSVAL_RECORD_SZ];
-    if (st_timed_pread_msg(r->_fd, rec, sizeof(rec), off, r->timing, 1) != static_cast<ssize_t>(sizeof(rec))) {
+    if (st_read_at(r->_fd, r->_mem, rec, sizeof(rec), off, r->timing) != static_cast<ssize_t>(sizeof(rec))) {
       return WS_EREAD;
     }
     decode_record(r, id, rec, out);
@@ -123,7 +125,7 @@ int tsval_reader_decode_hint(tsval_reader* r, uint32_t id, tsval* out, uint32_t 
   // A hint elsewhere says the next request will not follow this one.
   if (hint != 0 && (hint < id || hint - id >= n)) n = 1;
   const size_t bytes = static_cast<size_t>(n) * TSVAL_RECORD_SZ;
-  if (st_timed_pread_msg(r->_fd, r->_buf, bytes, off, r->timing, 1) != static_cast<ssize_t>(bytes)) {
+  if (st_read_at(r->_fd, r->_mem, r->_buf, bytes, off, r->timing) != static_cast<ssize_t>(bytes)) {
     r->cache_count = 0;
     return WS_EREAD;
   }

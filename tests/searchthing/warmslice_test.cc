@@ -225,13 +225,15 @@ TEST(WarmSliceRoundTrip, HotSliceToFileAndBack) {
       store_be32(bytes.data() + 12, load_be32(expected.data() + 12));
       EXPECT_TRUE(bytes == expected);
 
-      // The writer's own handle describes the file.
+      // The writer's own handle describes the file and reads like it,
+      // postings included, although it has no descriptor.
       EXPECT_EQ(st_warm_slice_size(mem.get()), bytes.size());
       EXPECT_EQ(st_warm_slice_values(mem.get()), want.values.size());
       EXPECT_EQ(st_warm_slice_terms(mem.get()), want.terms.size());
       EXPECT_EQ(st_warm_slice_latest(mem.get()), want.values.front().ts);
       EXPECT_EQ(st_warm_slice_earliest(mem.get()), want.values.back().ts);
       EXPECT_EQ(st_warm_slice_blocksize(mem.get()), 8u);
+      expect_contents(read_all(mem.get()), want);
 
       for (mode m : ALL_MODES) {
         SCOPED_TRACE(static_cast<int>(m));
