@@ -145,12 +145,8 @@ death run_child(const std::function<int()>& setup, const std::function<void()>& 
   }
   int status = 0;
   waitpid(pid, &status, 0);
-  death d{};
-  d.pid = pid;
-  d.signaled = WIFSIGNALED(status);
-  d.sig = d.signaled ? WTERMSIG(status) : 0;
-  d.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return d;
+  return {WIFSIGNALED(status), WIFSIGNALED(status) ? WTERMSIG(status) : 0,
+          WIFEXITED(status) ? WEXITSTATUS(status) : -1, pid};
 }
 
 // Skips when the handler could not be installed; else the child must have
@@ -570,25 +566,24 @@ TEST(CrashLog, OutOfDescriptorsReportsTheOpenDescriptors) {
 TEST(CrashLog, AbortReportShowsTheCleanedTailOfStderr) {
   // 120 lines of 31 bytes and the 41-byte assertion: the last 800 bytes
   // start inside line 95, so the tail starts with line 96.
+  // n numbered lines; *tail gets them from line `from` on as the report shows them.
+  auto numbered = [](const char* fmt, int n, int from, std::string* tail) {
+    std::string all;
+    for (int i = 0; i < n; ++i) {
+      char buf[64];
+      snprintf(buf, sizeof(buf), fmt, i);
+      all += buf;
+      if (i >= from) *tail += std::string("    ") + buf;
+    }
+    return all;
+  };
   const std::string assertion = "prog: check.cc:12: Assertion `x' failed.\n";
-  std::string long_content, long_tail;
-  for (int i = 0; i < 120; ++i) {
-    char buf[64];
-    snprintf(buf, sizeof(buf), "diagnostic line %03d of the run\n", i);
-    long_content += buf;
-    if (i >= 96) long_tail += std::string("    ") + buf;
-  }
-  long_content += assertion;
+  std::string long_tail, tail_800;
+  const std::string long_content = numbered("diagnostic line %03d of the run\n", 120, 96, &long_tail) + assertion;
   long_tail += "    " + assertion;
   // 25 lines of 32 bytes fill the 800 bytes exactly. Before them, a line
   // end keeps the window's first byte a line start; another byte does not.
-  std::string lines_800, tail_800;
-  for (int i = 0; i < 25; ++i) {
-    char buf[64];
-    snprintf(buf, sizeof(buf), "line %02d .......................\n", i);
-    lines_800 += buf;
-    tail_800 += std::string("    ") + buf;
-  }
+  const std::string lines_800 = numbered("line %02d .......................\n", 25, 0, &tail_800);
   ASSERT_EQ(lines_800.size(), 800u);
   const std::string tail_800_but_first = tail_800.substr(tail_800.find('\n') + 1);
   static const char tricky_raw[] =
