@@ -23,6 +23,8 @@
 
 namespace {
 
+using namespace testutil;
+
 constexpr const char* TMPFS_SIZE = "size=2m";
 
 class DiskFull : public ::testing::Test {
@@ -38,10 +40,10 @@ class DiskFull : public ::testing::Test {
     // Sources made once, outside the small file system.
     src_ = tmp_.path() + "/sources";
     ASSERT_EQ(0, mkdir(src_.c_str(), 0700));
-    testutil::RunResult r = testutil::run({testutil::bin("tarnix-index"), "--generate", "4000", "--seed", "2",
-                                           "-d", src_, "--max-values", "500", "-q"});
+    RunResult r =
+        run_bin("tarnix-index", {"--generate", "4000", "--seed", "2", "-d", src_, "--max-values", "500", "-q"});
     ASSERT_EQ(0, r.status) << r.err;
-    for (const std::string& n : testutil::tsidx_names(src_)) sources_[n] = testutil::read_file(src_ + "/" + n);
+    for (const std::string& n : tsidx_names(src_)) sources_[n] = read_file(src_ + "/" + n);
     ASSERT_GE(sources_.size(), 4u);
   }
 
@@ -54,15 +56,14 @@ class DiskFull : public ::testing::Test {
   // Empties the tmpfs, puts the sources into a bucket on it and fills the
   // file system until `leave` bytes are free (none filled when leave < 0).
   std::string prepare(long long leave) {
-    for (const std::string& n : testutil::list_dir(mnt_)) testutil::remove_tree(mnt_ + "/" + n);
+    for (const std::string& n : list_dir(mnt_)) remove_tree(mnt_ + "/" + n);
     const std::string bucket = mnt_ + "/bucket";
     EXPECT_EQ(0, mkdir(bucket.c_str(), 0700));
-    for (const auto& [name, bytes] : sources_) testutil::write_file(bucket + "/" + name, bytes);
+    for (const auto& [name, bytes] : sources_) write_file(bucket + "/" + name, bytes);
     if (leave >= 0) {
       struct statvfs sv;
       EXPECT_EQ(0, statvfs(mnt_.c_str(), &sv));
-      long long avail = static_cast<long long>(sv.f_bavail) * static_cast<long long>(sv.f_bsize);
-      long long fill = avail - leave;
+      long long fill = static_cast<long long>(sv.f_bavail) * static_cast<long long>(sv.f_bsize) - leave;
       int fd = open((mnt_ + "/filler").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
       EXPECT_GE(fd, 0);
       std::vector<char> chunk(65536, 'f');
@@ -76,12 +77,11 @@ class DiskFull : public ::testing::Test {
     return bucket;
   }
 
-  testutil::RunResult optimize(const std::string& bucket) {
-    return testutil::run({testutil::bin("tarnix-optimize"), "-d", bucket, "-m", "all", "-s", "2", "-i", "1"},
-                         {"OPTIMISTIC_ABOUT_FILE_LOCKING=1", "LOG_TARNIX_OPTIMIZE"});
+  RunResult optimize(const std::string& bucket) {
+    return run_optimize({"-d", bucket, "-m", "all", "-s", "2", "-i", "1"});
   }
 
-  testutil::TempDir tmp_;
+  TempDir tmp_;
   std::string mnt_;
   std::string src_;
   bool mounted_ = false;
@@ -92,10 +92,10 @@ class DiskFull : public ::testing::Test {
 // disk's doing.
 TEST_F(DiskFull, WithRoomTheMergeSucceeds) {
   const std::string bucket = prepare(-1);
-  testutil::RunResult r = optimize(bucket);
+  RunResult r = optimize(bucket);
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ(std::string::npos, r.err.find("merge failed"));
-  EXPECT_EQ(1u, testutil::tsidx_names(bucket).size());
+  EXPECT_EQ(1u, tsidx_names(bucket).size());
 }
 
 // Out of space at different depths of the merge: at once, inside the value
@@ -104,8 +104,7 @@ TEST_F(DiskFull, MergeFailsAndLeavesEverySourceIntact) {
   for (long long leave : {0LL, 4096LL, 32768LL, 131072LL}) {
     SCOPED_TRACE("free bytes " + std::to_string(leave));
     const std::string bucket = prepare(leave);
-    testutil::RunResult r = optimize(bucket);
-
+    RunResult r = optimize(bucket);
     // The "merge failed" line names the code, which is the exit status.
     const size_t at = r.err.find("merge failed for path=" + bucket + " rc=");
     ASSERT_NE(std::string::npos, at) << r.err;
@@ -114,16 +113,12 @@ TEST_F(DiskFull, MergeFailsAndLeavesEverySourceIntact) {
     EXPECT_EQ(rc & 0xff, r.status) << r.err;
     // The system's own reason is kept with it.
     EXPECT_NE(std::string::npos, r.err.find(" errno=" + std::to_string(ENOSPC) + " ", at)) << r.err;
-    EXPECT_TRUE(testutil::pattern_match(r.err.substr(at), "merge failed for path=" + bucket +
-                                                              " rc={N} wrc={N} errno={N} file={*}]\n"))
+    EXPECT_TRUE(pattern_match(r.err.substr(at), "merge failed for path=" + bucket +
+                                                     " rc={N} wrc={N} errno={N} file={*}]\n"))
         << r.err;
-
     // Every source as it was, and nothing else under a final name.
-    std::vector<std::string> names = testutil::tsidx_names(bucket);
-    EXPECT_EQ(sources_.size(), names.size());
-    for (const auto& [name, bytes] : sources_) {
-      EXPECT_EQ(bytes, testutil::read_file(bucket + "/" + name)) << name;
-    }
+    EXPECT_EQ(sources_.size(), tsidx_names(bucket).size());
+    for (const auto& [name, bytes] : sources_) EXPECT_EQ(bytes, read_file(bucket + "/" + name)) << name;
   }
 }
 

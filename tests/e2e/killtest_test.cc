@@ -15,9 +15,9 @@ namespace {
 
 TEST(KillTest, TenKillsLoseNoEvent) {
   testutil::TempDir d;
-  testutil::RunResult r = testutil::run({testutil::bin("tarnix-killtest"), "--kills", "10", "--seed", "3",
-                                         "--events", "1500", "--max-values", "30", "--design-breaks", "1",
-                                         "--work", d.path() + "/work"});
+  testutil::RunResult r = testutil::run_bin("tarnix-killtest", {"--kills", "10", "--seed", "3", "--events", "1500",
+                                                               "--max-values", "30", "--design-breaks", "1",
+                                                               "--work", d.path() + "/work"});
   EXPECT_EQ(0, r.status) << r.out << r.err;
   EXPECT_NE(std::string::npos, r.out.find("kills: 10 ")) << r.out;
   EXPECT_NE(std::string::npos, r.out.find("result: OK")) << r.out;
@@ -25,10 +25,9 @@ TEST(KillTest, TenKillsLoseNoEvent) {
 
 TEST(KillTest, RefusesBadOptions) {
   for (const char* bad : {"--kills", "--max-values"}) {
-    testutil::RunResult r = testutil::run({testutil::bin("tarnix-killtest"), bad, "0x"});
-    EXPECT_EQ(2, r.status) << bad;
+    EXPECT_EQ(2, testutil::run_bin("tarnix-killtest", {bad, "0x"}).status) << bad;
   }
-  testutil::RunResult r = testutil::run({testutil::bin("tarnix-killtest"), "--bin-dir", "/nonexistent"});
+  testutil::RunResult r = testutil::run_bin("tarnix-killtest", {"--bin-dir", "/nonexistent"});
   EXPECT_EQ(2, r.status);
   EXPECT_NE(std::string::npos, r.err.find("tarnix-index not found"));
 }

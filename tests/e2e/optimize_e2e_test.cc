@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,13 @@ std::vector<posting> all_postings(const std::string& dir) {
   return all;
 }
 
+// Name and bytes of every index file in dir.
+std::map<std::string, std::vector<uint8_t>> snapshot(const std::string& dir) {
+  std::map<std::string, std::vector<uint8_t>> out;
+  for (const std::string& name : tsidx_names(dir)) out[name] = read_file(dir + "/" + name);
+  return out;
+}
+
 // A bucket with `files` slices of `values` values each; returns every event.
 std::vector<event> fill_bucket(const std::string& dir, uint32_t files, uint32_t values) {
   std::vector<event> all;
@@ -64,6 +72,16 @@ std::vector<event> fill_bucket(const std::string& dir, uint32_t files, uint32_t 
     all.insert(all.end(), ev.begin(), ev.end());
   }
   return all;
+}
+
+// The log lines of a pass that fails with rc, and of a merge that fails on
+// a file with a bad magic.
+std::string failed_pass(const std::string& rc) {
+  return "tm={N} optimize finished: failed, see rc for more details, (rc=" + rc + " errno={N})\n" +
+         "tm={N} exiting tarnix-optimize process with rc=" + rc + "\n";
+}
+std::string bad_magic(const std::string& dir, const std::string& file) {
+  return "merge failed for path=" + dir + " rc=-13 wrc=-13 errno={N} file=" + file + " hint=invalid magic]\n";
 }
 
 // No lock, intermediate or unfinished file left, and tarnix-check (its own
@@ -91,14 +109,12 @@ TEST(OptimizeRun, UnusableDirectoryFails) {
   // Without the environment's blessing the file system of a missing path is
   // unknown, so the directory lock fails.
   const std::string missing = d.file("missing");
-  RunResult r = run_optimize({"-d", missing, "-v", "--final"}, {"OPTIMISTIC_ABOUT_FILE_LOCKING", "LOG_TARNIX_OPTIMIZE"});
+  RunResult r =
+      run_optimize({"-d", missing, "-v", "--final"}, {"OPTIMISTIC_ABOUT_FILE_LOCKING", "LOG_TARNIX_OPTIMIZE"});
   EXPECT_EQ(r.status, 227);
-  EXPECT_TRUE(pattern_match(
-      r.err, start_pattern(missing, "mode=0 verbose=true isfinal=true max_iteration=2147483647 min_src_count=8 "
-                                    "lex_tpb=64") +
-                 "tm={N} optimize finished: failed, see rc for more details, (rc=-29 errno={N})\n"
-                 "tm={N} exiting tarnix-optimize process with rc=-29\n"))
-      << r.err;
+  const std::string settings =
+      "mode=0 verbose=true isfinal=true max_iteration=2147483647 min_src_count=8 lex_tpb=64";
+  EXPECT_TRUE(pattern_match(r.err, start_pattern(missing, settings) + failed_pass("-29"))) << r.err;
   EXPECT_EQ(list_dir(d.path()), std::vector<std::string>{});
 
   // A regular file cannot be listed; neither a status file nor a lock is left.
@@ -106,10 +122,7 @@ TEST(OptimizeRun, UnusableDirectoryFails) {
   write_file(file, {'x'});
   r = run_optimize({"-d", file, "-v", "--final"});
   EXPECT_EQ(r.status, 255);
-  EXPECT_TRUE(pattern_match(r.err,
-                            "{*}tm={N} optimize finished: failed, see rc for more details, (rc=-1 errno={N})\n"
-                            "tm={N} exiting tarnix-optimize process with rc=-1\n"))
-      << r.err;
+  EXPECT_TRUE(pattern_match(r.err, "{*}" + failed_pass("-1"))) << r.err;
   EXPECT_EQ(list_dir(d.path()), std::vector<std::string>{"not-a-dir"});
 }
 
@@ -258,9 +271,7 @@ TEST(OptimizeRun, MergeFailureLeavesIntermediateAndLocks) {
   // the status file.
   RunResult r = run_optimize({"-d", d.path(), "-m", "force", "-s", "2", "--final"});
   EXPECT_EQ(r.status, 256 - 13);
-  EXPECT_TRUE(pattern_match(r.err, "merge failed for path=" + d.path() + " rc=-13 wrc=-13 errno={N} file=" +
-                                       d.file(bad) + " hint=invalid magic]\n"))
-      << r.err;
+  EXPECT_TRUE(pattern_match(r.err, bad_magic(d.path(), d.file(bad)))) << r.err;
   EXPECT_EQ(tsidx_names(d.path()), sources);
   for (const std::string& s : sources) EXPECT_TRUE(exists(d.file(s + ".lock"))) << s;
   EXPECT_EQ(names_ending(d.path(), ".merge").size(), 1u);
@@ -287,9 +298,7 @@ TEST(OptimizeRun, MergeFailureNamesPositionInSortedList) {
   corrupt_magic(d.file(mid));
   RunResult r = run_optimize({"-d", d.path(), "-s", "2"});
   EXPECT_EQ(r.status, 256 - 13);
-  EXPECT_TRUE(pattern_match(r.err, "merge failed for path=" + d.path() + " rc=-13 wrc=-13 errno={N} file=" +
-                                       d.file(small) + " hint=invalid magic]\n"))
-      << r.err;
+  EXPECT_TRUE(pattern_match(r.err, bad_magic(d.path(), d.file(small)))) << r.err;
   EXPECT_FALSE(exists(d.file(small + ".lock")));
   EXPECT_TRUE(exists(d.file(mid + ".lock")));
   EXPECT_TRUE(exists(d.file(large + ".lock")));
@@ -315,9 +324,7 @@ TEST(OptimizeRun, ProcessLimitsFailThePass) {
     SCOPED_TRACE(c.limit);
     TempDir d;
     auto all = fill_bucket(d.path(), 32, 3);
-    const std::vector<std::string> sources = tsidx_names(d.path());
-    std::vector<std::vector<uint8_t>> bytes;
-    for (const std::string& s : sources) bytes.push_back(read_file(d.file(s)));
+    const auto sources = snapshot(d.path());
 
     RunResult r = run({"/bin/sh", "-c", std::string(c.limit) + "; exec \"$0\" \"$@\"", bin("tarnix-optimize"),
                        "-d", d.path(), "-m", "all"});
@@ -326,8 +333,7 @@ TEST(OptimizeRun, ProcessLimitsFailThePass) {
     if (const size_t at = want.find("DIR"); at != std::string::npos) want.replace(at, 3, d.path());
     EXPECT_TRUE(pattern_match(r.err, want)) << r.err;
 
-    EXPECT_EQ(tsidx_names(d.path()), sources);
-    for (size_t k = 0; k < sources.size(); ++k) EXPECT_EQ(read_file(d.file(sources[k])), bytes[k]) << sources[k];
+    EXPECT_TRUE(snapshot(d.path()) == sources);
     EXPECT_EQ(names_ending(d.path(), ".lock").size(), c.sources_locked ? sources.size() : 0u);
     EXPECT_EQ(names_ending(d.path(), ".merge").size(), c.sources_locked ? 1u : 0u);
     EXPECT_FALSE(exists(d.path() + ".lock"));
@@ -375,9 +381,7 @@ TEST(OptimizeRun, FailedCallsEndThePassCleanly) {
     const std::string dir = scratch.file("bucket");
     ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
     auto all = fill_bucket(dir, 8, 3);
-    const std::vector<std::string> sources = tsidx_names(dir);
-    std::vector<std::vector<uint8_t>> bytes;
-    for (const std::string& s : sources) bytes.push_back(read_file(dir + "/" + s));
+    const auto sources = snapshot(dir);
 
     std::vector<std::string> env = kOptimizeEnv;
     env.push_back("LD_PRELOAD=" + bin("libfailcalls.so"));
@@ -397,14 +401,13 @@ TEST(OptimizeRun, FailedCallsEndThePassCleanly) {
       // The lock that seemed taken was tried again half a second later.
       EXPECT_GE(waited, std::chrono::milliseconds(500));
     } else {
-      EXPECT_EQ(tsidx_names(dir), sources);
-      for (size_t k = 0; k < sources.size(); ++k) EXPECT_EQ(read_file(dir + "/" + sources[k]), bytes[k]);
+      EXPECT_TRUE(snapshot(dir) == sources);
       r = run_optimize({"-d", dir, "-m", "all"});
       EXPECT_EQ(r.status, 0) << r.err;
     }
     EXPECT_EQ(tsidx_names(dir).size(), 1u);
     EXPECT_EQ(all_postings(dir), postings_of(all));
-    ASSERT_EQ(system(("rm -rf '" + dir + "'").c_str()), 0);
+    remove_tree(dir);
   }
 }
 

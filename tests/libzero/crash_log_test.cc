@@ -23,6 +23,7 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -56,6 +57,10 @@ void put_file(const std::string& path, const std::string& text) {
 
 // The reports in a directory (nothing else there ends in ".log").
 std::vector<std::string> crash_files(const std::string& dir) { return testutil::names_ending(dir, ".log"); }
+
+std::string sent_line(pid_t pid) {
+  return "   Signal sent by PID " + std::to_string(pid) + " running under UID " + std::to_string(getuid()) + ".";
+}
 
 std::string local_stamp(time_t t, const char* fmt) {
   struct tm tm;
@@ -140,12 +145,8 @@ death run_child(const std::function<int()>& setup, const std::function<void()>& 
   }
   int status = 0;
   waitpid(pid, &status, 0);
-  death d{};
-  d.pid = pid;
-  d.signaled = WIFSIGNALED(status);
-  d.sig = d.signaled ? WTERMSIG(status) : 0;
-  d.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return d;
+  return {WIFSIGNALED(status), WIFSIGNALED(status) ? WTERMSIG(status) : 0,
+          WIFEXITED(status) ? WEXITSTATUS(status) : -1, pid};
 }
 
 // Skips when the handler could not be installed; else the child must have
@@ -193,22 +194,14 @@ bool shape_match(std::string_view s, std::string_view shape) {
 
 std::vector<std::string> split_lines(const std::string& text) {
   std::vector<std::string> out;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t nl = text.find('\n', pos);
-    if (nl == std::string::npos) nl = text.size();
-    out.push_back(text.substr(pos, nl - pos));
-    pos = nl + 1;
-  }
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
   return out;
 }
 
 // Index of the first line equal to `line`, or the line count.
-size_t find_line(const std::vector<std::string>& lines, const std::string& line, size_t from = 0) {
-  for (size_t i = from; i < lines.size(); ++i) {
-    if (lines[i] == line) return i;
-  }
-  return lines.size();
+size_t find_line(const std::vector<std::string>& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) - lines.begin();
 }
 
 // A backtrace frame: address, then symbol and offset or a question mark.
@@ -261,10 +254,9 @@ void check_common_sections(const std::string& r, int sig, time_t before, time_t 
   std::vector<std::string> lines = split_lines(r);
   // Build line: the build number and the local time, which is also the name.
   const std::string build = "[build " + std::to_string(CRASH_LOG_BUILD_NUMBER) + "] ";
-  size_t at = 0;
-  while (at < lines.size() && lines[at].rfind(build, 0) != 0) ++at;
-  ASSERT_LT(at, lines.size()) << r;
-  std::string stamp = lines[at].substr(build.size());
+  auto at = std::find_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(build, 0) == 0; });
+  ASSERT_NE(at, lines.end()) << r;
+  std::string stamp = at->substr(build.size());
   ASSERT_TRUE(shape_match(stamp, "####-##-## ##:##:##")) << stamp;
   EXPECT_EQ(name, "crash-" + stamp.substr(0, 10) + "-" + stamp.substr(11) + ".log");
   bool in_window = false;
@@ -394,12 +386,7 @@ TEST(CrashLog, EachFatalSignalLeavesOneCompleteReport) {
     ASSERT_LT(cause + 1, lines.size());
     bool matched = false;
     for (const auto& want : c.causes) {
-      if (want == "SENT") {
-        matched |= lines[cause] == "   Signal sent by PID " + std::to_string(d.pid) + " running under UID " +
-                                       std::to_string(getuid()) + ".";
-      } else {
-        matched |= shape_match(lines[cause], want);
-      }
+      matched |= want == "SENT" ? lines[cause] == sent_line(d.pid) : shape_match(lines[cause], want);
     }
     EXPECT_TRUE(matched) << lines[cause];
     EXPECT_EQ(lines[cause + 1], " Registers:");
@@ -492,10 +479,7 @@ TEST(CrashLog, CauseLineOfEveryCode) {
     const std::vector<std::string> lines = split_lines(the_report(tmp.path()));
     const size_t cause = find_line(lines, " Cause:") + 1;
     ASSERT_LT(cause, lines.size());
-    const std::string want = c.line != "SENT" ? c.line
-                                              : "   Signal sent by PID " + std::to_string(d.pid) +
-                                                    " running under UID " + std::to_string(getuid()) + ".";
-    EXPECT_EQ(lines[cause], want);
+    EXPECT_EQ(lines[cause], c.line != "SENT" ? c.line : sent_line(d.pid));
   }
 }
 
@@ -517,19 +501,13 @@ TEST(CrashLog, ReportDirectoryFollowsTarnixHome) {
     SCOPED_TRACE(c.label);
     TempDir home, cwd;
     std::string logdir = home.path() + "/var/log/tarnix";
-    if (c.make_dir) {
-      ASSERT_EQ(mkdir((home.path() + "/var").c_str(), 0700), 0);
-      ASSERT_EQ(mkdir((home.path() + "/var/log").c_str(), 0700), 0);
-      ASSERT_EQ(mkdir(logdir.c_str(), 0700), 0);
+    for (const char* sub : {"/var", "/var/log", "/var/log/tarnix"}) {
+      ASSERT_TRUE(!c.make_dir || mkdir((home.path() + sub).c_str(), 0700) == 0) << sub;
     }
     death d = run_child(
         [&] {
           if (chdir(cwd.path().c_str()) != 0) return -1;
-          if (c.set_home) {
-            setenv("TARNIX_HOME", home.path().c_str(), 1);
-          } else {
-            unsetenv("TARNIX_HOME");
-          }
+          c.set_home ? setenv("TARNIX_HOME", home.path().c_str(), 1) : unsetenv("TARNIX_HOME");
           return crash_log_creator_init_with_default_prefix() == 0 ? SIGFPE : -1;
         },
         [] { crash_divide_by_zero(); });
@@ -588,25 +566,24 @@ TEST(CrashLog, OutOfDescriptorsReportsTheOpenDescriptors) {
 TEST(CrashLog, AbortReportShowsTheCleanedTailOfStderr) {
   // 120 lines of 31 bytes and the 41-byte assertion: the last 800 bytes
   // start inside line 95, so the tail starts with line 96.
+  // n numbered lines; *tail gets them from line `from` on as the report shows them.
+  auto numbered = [](const char* fmt, int n, int from, std::string* tail) {
+    std::string all;
+    for (int i = 0; i < n; ++i) {
+      char buf[64];
+      snprintf(buf, sizeof(buf), fmt, i);
+      all += buf;
+      if (i >= from) *tail += std::string("    ") + buf;
+    }
+    return all;
+  };
   const std::string assertion = "prog: check.cc:12: Assertion `x' failed.\n";
-  std::string long_content, long_tail;
-  for (int i = 0; i < 120; ++i) {
-    char buf[64];
-    snprintf(buf, sizeof(buf), "diagnostic line %03d of the run\n", i);
-    long_content += buf;
-    if (i >= 96) long_tail += std::string("    ") + buf;
-  }
-  long_content += assertion;
+  std::string long_tail, tail_800;
+  const std::string long_content = numbered("diagnostic line %03d of the run\n", 120, 96, &long_tail) + assertion;
   long_tail += "    " + assertion;
   // 25 lines of 32 bytes fill the 800 bytes exactly. Before them, a line
   // end keeps the window's first byte a line start; another byte does not.
-  std::string lines_800, tail_800;
-  for (int i = 0; i < 25; ++i) {
-    char buf[64];
-    snprintf(buf, sizeof(buf), "line %02d .......................\n", i);
-    lines_800 += buf;
-    tail_800 += std::string("    ") + buf;
-  }
+  const std::string lines_800 = numbered("line %02d .......................\n", 25, 0, &tail_800);
   ASSERT_EQ(lines_800.size(), 800u);
   const std::string tail_800_but_first = tail_800.substr(tail_800.find('\n') + 1);
   static const char tricky_raw[] =
@@ -769,26 +746,22 @@ TEST(CrashLog, FailedInstallationPrintsWhyAndLeavesDefaults) {
 #else
   TempDir tmp;
   std::string errfile = tmp.file("stderr.txt");
-  pid_t pid = fork();
-  if (pid == 0) {
-    int fd = open(errfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (fd < 0 || dup2(fd, 2) < 0) _exit(2);
-    struct rlimit no_core = {0, 0};
-    setrlimit(RLIMIT_CORE, &no_core);
-    // No room for the alternate stack.
-    struct rlimit as = {0, 0};
-    getrlimit(RLIMIT_AS, &as);
-    as.rlim_cur = 1;
-    if (setrlimit(RLIMIT_AS, &as) != 0) _exit(3);
-    int rc = crash_log_creator_init(tmp.path().c_str());
-    struct sigaction sa;
-    sigaction(SIGSEGV, nullptr, &sa);
-    _exit(rc == -1 && sa.sa_handler == SIG_DFL ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  death d = run_child(
+      [&]() -> int {
+        int fd = open(errfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        // No room for the alternate stack.
+        struct rlimit as = {0, 0};
+        getrlimit(RLIMIT_AS, &as);
+        as.rlim_cur = 1;
+        if (fd < 0 || dup2(fd, 2) < 0 || setrlimit(RLIMIT_AS, &as) != 0) _exit(2);
+        int rc = crash_log_creator_init(tmp.path().c_str());
+        struct sigaction sa;
+        sigaction(SIGSEGV, nullptr, &sa);
+        _exit(rc == -1 && sa.sa_handler == SIG_DFL ? 0 : 1);
+      },
+      [] {});
+  ASSERT_FALSE(d.signaled);
+  EXPECT_EQ(d.status, 0);
   EXPECT_EQ(read_text(errfile).rfind("cannot allocate alternate stack: ", 0), 0u) << read_text(errfile);
   EXPECT_TRUE(crash_files(tmp.path()).empty());
 #endif
@@ -808,30 +781,34 @@ struct writer_file {
 };
 
 TEST(CrashLogWriter, EnforcesTheWriteAndTotalLimits) {
+  // Oversized writes leave their notice each, and the notices count towards
+  // the total: enough of them alone fill the log.
+  const size_t notices = (524288 + MSG_50K.size() - 1) / MSG_50K.size() - 1;
+  std::string only_notices;
+  for (size_t i = 0; i < notices; ++i) only_notices += MSG_50K;
   struct limit_case {
     const char* label;
-    std::vector<size_t> writes;  // sizes, each written as that many 'a'
-    std::string expected;        // with 'a' runs shown as their sizes below
+    size_t full_writes;          // writes of exactly 50 kB first
+    std::vector<size_t> writes;  // then these sizes, each written as that many 'a'
+    std::string expected;        // what follows the leading 'a' bytes
     size_t expected_plain;       // count of 'a' bytes that must come first
   };
   const limit_case cases[] = {
-      {"a write of exactly 50 kB passes", {51200}, "", 51200},
-      {"a larger write is replaced by the notice", {51201, 10}, MSG_50K + std::string(10, 'a'), 0},
-      {"just under the total limit everything passes", {51200, 51200, 51200, 51200, 51200, 51200,
-                                                        51200, 51200, 51200, 51200, 12287},
-       "", 524287},
-      {"the write that reaches the limit is replaced, then nothing",
-       {51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 12287, 1, 1, 50},
-       MSG_512K, 524287},
-      {"the write that passes the limit is replaced",
-       {51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 51200, 7},
-       MSG_512K, 512000},
+      {"a write of exactly 50 kB passes", 1, {}, "", 51200},
+      {"a larger write is replaced by the notice", 0, {51201, 10}, MSG_50K + std::string(10, 'a'), 0},
+      {"just under the total limit everything passes", 10, {12287}, "", 524287},
+      {"the write that reaches the limit is replaced, then nothing", 10, {12287, 1, 1, 50}, MSG_512K, 524287},
+      {"the write that passes the limit is replaced", 11, {7}, MSG_512K, 512000},
+      {"skipped writes still count towards the total", 0, std::vector<size_t>(20000, 60000),
+       only_notices + MSG_512K, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     writer_file w;
     ASSERT_GE(w.fd, 0);
-    for (size_t n : c.writes) {
+    std::vector<size_t> writes(c.full_writes, 51200);
+    writes.insert(writes.end(), c.writes.begin(), c.writes.end());
+    for (size_t n : writes) {
       std::string buf(n, 'a');
       w.z.whand.do_write(&w.z, buf.data(), buf.size());
     }
@@ -840,19 +817,6 @@ TEST(CrashLogWriter, EnforcesTheWriteAndTotalLimits) {
     EXPECT_EQ(got.substr(0, c.expected_plain), std::string(c.expected_plain, 'a'));
     EXPECT_EQ(got.substr(c.expected_plain), c.expected);
   }
-}
-
-TEST(CrashLogWriter, SkippedWritesStillCountTowardsTheTotal) {
-  writer_file w;
-  // Each oversized write leaves its notice; the notices alone fill the log.
-  std::string big(60000, 'b');
-  for (int i = 0; i < 20000; ++i) w.z.whand.do_write(&w.z, big.data(), big.size());
-  std::string got = w.content();
-  size_t notices = (524288 + MSG_50K.size() - 1) / MSG_50K.size() - 1;
-  std::string want;
-  for (size_t i = 0; i < notices; ++i) want += MSG_50K;
-  want += MSG_512K;
-  EXPECT_EQ(got, want);
 }
 
 void discard_write(crash_log_writer*, const void*, size_t) noexcept {}
@@ -916,9 +880,10 @@ TEST(CrashLogWriter, NumbersFormatLikePrintf) {
 }
 
 TEST(CrashLogWriter, InsertFileCopiesUpToItsLimit) {
+  constexpr size_t MISSING = static_cast<size_t>(-1);
   struct insert_case {
     const char* label;
-    size_t file_sz;  // -1: no file
+    size_t file_sz;
     size_t limit;
     const char* title;
   };
@@ -928,49 +893,36 @@ TEST(CrashLogWriter, InsertFileCopiesUpToItsLimit) {
       {"longer than the limit", 2500, 1000, " %s: "},
       {"longer than the copy buffer", 5000, 4000, nullptr},
       {"empty", 0, 1000, " %s: "},
-      {"missing", static_cast<size_t>(-1), 1000, " %s: "},
+      {"missing: nothing written", MISSING, 1000, " %s: "},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     writer_file w;
-    std::string path = w.tmp.file("release");
-    std::string body;
-    for (size_t i = 0; c.file_sz != static_cast<size_t>(-1) && i < c.file_sz; ++i) {
-      body += static_cast<char>('a' + i % 26);
-    }
-    if (c.file_sz != static_cast<size_t>(-1)) put_file(path, body);
-    int rc = crash_log_insert_file(&w.z, path.c_str(), c.limit, c.title);
-    if (c.file_sz == static_cast<size_t>(-1)) {
-      EXPECT_EQ(rc, -1);
-      EXPECT_EQ(w.content(), "");
-      continue;
-    }
-    EXPECT_EQ(rc, 0);
+    std::string path = w.tmp.file("release"), body;
+    for (size_t i = 0; c.file_sz != MISSING && i < c.file_sz; ++i) body += static_cast<char>('a' + i % 26);
+    if (c.file_sz != MISSING) put_file(path, body);
+    EXPECT_EQ(crash_log_insert_file(&w.z, path.c_str(), c.limit, c.title), c.file_sz == MISSING ? -1 : 0);
     std::string want = c.title != nullptr ? " " + path + ": " : "";
-    want += body.substr(0, c.limit);
-    if (body.size() > c.limit) want += "<truncating output>";
-    EXPECT_EQ(w.content(), want);
+    want += body.substr(0, c.limit) + (body.size() > c.limit ? "<truncating output>" : "");
+    EXPECT_EQ(w.content(), c.file_sz == MISSING ? "" : want);
   }
 }
 
 TEST(CrashLogWriter, BacktraceWritesOneFrameALine) {
-  writer_file w;
-  get_backtrace(&w.z, 0);
-  std::string all = w.content();
+  // Called from one place, so that the frames above differ only by the skip.
+  auto trace = [](int skip) {
+    writer_file w;
+    get_backtrace(&w.z, skip);
+    return w.content();
+  };
+  const std::string all = trace(0), skipped = trace(1);
   std::vector<std::string> lines = split_lines(all);
-  EXPECT_GE(lines.size(), 2u);
+  ASSERT_GE(lines.size(), 2u);
   for (const auto& l : lines) EXPECT_TRUE(is_frame_line(l)) << l;
   EXPECT_EQ(all.back(), '\n');
   // Skipping frames drops exactly that many lines from the top.
-  writer_file w2;
-  get_backtrace(&w2.z, 1);
-  std::string skipped = w2.content();
-  size_t lines_all = std::count(all.begin(), all.end(), '\n');
-  size_t lines_skipped = std::count(skipped.begin(), skipped.end(), '\n');
-  EXPECT_EQ(lines_skipped + 1, lines_all);
-  writer_file w3;
-  get_backtrace(&w3.z, 1000);
-  EXPECT_EQ(w3.content(), "");
+  EXPECT_EQ(std::count(skipped.begin(), skipped.end(), '\n') + 1, std::count(all.begin(), all.end(), '\n'));
+  EXPECT_EQ(trace(1000), "");
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // status 219; accepted ones reach the optimize run, whose start line on the
 // log shows what the parser made of the options.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -33,6 +32,13 @@ std::string usage_for(const std::string& prog) {
          "\t[-x|--max-allowed-size  <number> (max allowed extra disk space required, in bytes)]\n"
          "\t[-p]--page-size <bytes> (memory allocation size, default: 1048576 (1MB), minimum: "
          "16384)]\n";
+}
+
+// The arguments, each in brackets, for the trace of a case.
+std::string shown(const std::vector<std::string>& args) {
+  std::string out;
+  for (const std::string& a : args) out += "[" + a + "]";
+  return out;
 }
 
 struct fault_case {
@@ -79,8 +85,7 @@ TEST(OptimizeCli, RefusedCommandLinesPrintMessageAndUsage) {
       {{"-d", d, "-x", ""}, "specify maximum number of bytes"},
       // Ranges.
       {{"-d", d, "-s", "33"}, "specify minimum source count at most 32"},
-      {{"-d", d, "--min-src-count", "99999999999999999999"},
-       "specify minimum source count at most 32"},
+      {{"-d", d, "--min-src-count", "99999999999999999999"}, "specify minimum source count at most 32"},
       {{"-d", d, "-p", "16383"}, "specify valid page size"},
       {{"-d", d, "-p", "0"}, "specify valid page size"},
       {{"-d", d, "-p", "18446744073709551615"}, "specify valid page size"},
@@ -98,9 +103,7 @@ TEST(OptimizeCli, RefusedCommandLinesPrintMessageAndUsage) {
       {{"-d", d, "bogus", "-h"}, "unrecognized flag"},
   };
   for (const fault_case& c : cases) {
-    std::string shown;
-    for (const std::string& a : c.args) shown += "[" + a + "]";
-    SCOPED_TRACE(shown);
+    SCOPED_TRACE(shown(c.args));
     RunResult r = run_optimize(c.args);
     EXPECT_EQ(r.status, 219);
     EXPECT_EQ(r.err, "MESSAGE: " + c.message + "\n" + usage_for(kProgram));
@@ -109,23 +112,11 @@ TEST(OptimizeCli, RefusedCommandLinesPrintMessageAndUsage) {
 }
 
 TEST(OptimizeCli, OptimizeMainReturnsMinus37ForFaults) {
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    // The child's stderr would only clutter the test output.
-    FILE* null_err = freopen("/dev/null", "w", stderr);
-    char prog[] = "tarnix-optimize";
-    char opt[] = "-s";
-    char val[] = "40";
-    char* argv[] = {prog, opt, val, nullptr};
-    int rc = optimize_main(3, argv);
-    int usage_rc = print_usage("x", "y");
-    _exit(null_err != nullptr && rc == -37 && usage_rc == -37 ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  char prog[] = "tarnix-optimize", opt[] = "-s", val[] = "40";
+  char* argv[] = {prog, opt, val, nullptr};
+  // In a child, whose standard error the death test keeps out of the output.
+  EXPECT_EXIT(_exit(optimize_main(3, argv) == -37 && print_usage("x", "y") == -37 ? 0 : 1),
+              ::testing::ExitedWithCode(0), "");
 }
 
 struct accept_case {
@@ -135,13 +126,10 @@ struct accept_case {
 
 TEST(OptimizeCli, AcceptedCommandLinesReachTheRun) {
   const std::vector<accept_case> cases = {
-      {{"-d", "DIR", "-v"},
-       testutil::kDefaultSettings},
-      {{"--directory", "DIR", "--verbose", "-m", "force", "-s", "0", "-i", "5", "-b", "0",
-        "--final"},
+      {{"-d", "DIR", "-v"}, testutil::kDefaultSettings},
+      {{"--directory", "DIR", "--verbose", "-m", "force", "-s", "0", "-i", "5", "-b", "0", "--final"},
        "mode=1 verbose=true isfinal=true max_iteration=5 min_src_count=0 lex_tpb=0"},
-      {{"-v", "--mode", "all", "--min-src-count", "32", "--iteration-max", "0", "--lex-tpb", "7",
-        "-d", "DIR"},
+      {{"-v", "--mode", "all", "--min-src-count", "32", "--iteration-max", "0", "--lex-tpb", "7", "-d", "DIR"},
        "mode=2 verbose=true isfinal=false max_iteration=0 min_src_count=32 lex_tpb=7"},
       {{"-d", "DIR", "-v", "-s", "1", "-m", "normal", "-i", "2147483647"},
        "mode=0 verbose=true isfinal=false max_iteration=2147483647 min_src_count=1 lex_tpb=64"},
@@ -149,14 +137,12 @@ TEST(OptimizeCli, AcceptedCommandLinesReachTheRun) {
       {{"-d", "DIR", "-v", "-i", "12abc", "-b", "3x"},
        "mode=0 verbose=true isfinal=false max_iteration=12 min_src_count=8 lex_tpb=3"},
       // Page sizes 16384 .. 2^64-2 and any extra-space limit are taken.
-      {{"-d", "DIR", "-v", "-p", "16384", "-x", "0"},
-       testutil::kDefaultSettings},
+      {{"-d", "DIR", "-v", "-p", "16384", "-x", "0"}, testutil::kDefaultSettings},
       {{"-d", "DIR", "-v", "--page-size", "18446744073709551614", "--max-allowed-size",
         "99999999999999999999999", "--tstats"},
        testutil::kDefaultSettings},
       // A later directory replaces an earlier one.
-      {{"-d", "/nonexistent-bucket", "-v", "-d", "DIR"},
-       testutil::kDefaultSettings},
+      {{"-d", "/nonexistent-bucket", "-v", "-d", "DIR"}, testutil::kDefaultSettings},
   };
   for (const accept_case& c : cases) {
     testutil::TempDir dir;
@@ -164,9 +150,7 @@ TEST(OptimizeCli, AcceptedCommandLinesReachTheRun) {
     for (std::string& a : args) {
       if (a == "DIR") a = dir.path();
     }
-    std::string shown;
-    for (const std::string& a : args) shown += "[" + a + "]";
-    SCOPED_TRACE(shown);
+    SCOPED_TRACE(shown(args));
     RunResult r = run_optimize(args);
     EXPECT_EQ(r.status, 0);
     // An empty directory: one pass finds fewer than two files.
