@@ -120,16 +120,9 @@ ModelFile reference_merge(const std::vector<ModelFile>& srcs, bool tstats, uint3
   std::map<std::string, ModelTerm> terms;
   for (uint32_t s = 0; s < srcs.size(); ++s) {
     for (const ModelTerm& t : srcs[s].terms) {
-      auto [it, fresh] = terms.try_emplace(t.term);
-      ModelTerm& m = it->second;
-      if (fresh) {
-        m.term = t.term;
-        m.earliest = t.earliest;
-        m.latest = t.latest;
-      } else {
-        m.earliest = std::min(m.earliest, t.earliest);
-        m.latest = std::max(m.latest, t.latest);
-      }
+      ModelTerm& m = terms.try_emplace(t.term, ModelTerm{t.term, {}, 0, t.earliest, t.latest}).first->second;
+      m.earliest = std::min(m.earliest, t.earliest);
+      m.latest = std::max(m.latest, t.latest);
       for (uint32_t id : t.ids) m.ids.push_back(mapping[s][id]);
     }
   }
