@@ -96,7 +96,9 @@ TEST_F(PostingsTest, WriterEmitsGapsAndRuns) {
       {{{300, 302}}, {0xAC, 0x02, 0x02}, {3}, 2},
       {{{10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}}, {0x0A, 0x00, 0x0A}, {3}, 11},
       {{{}}, {}, {0}, 0},
-      // A new term starts with a plain value, not a run.
+      // A list starts with a plain value, never a run: neither the first
+      // list at 1 nor a new term at the last term's value plus one.
+      {{{1, 2}}, {0x01, 0x00, 0x01}, {3}, 2},
       {{{8}, {9}}, {0x08, 0x09}, {1, 2}, 1},
   };
   for (const Case& c : cases) {
