@@ -23,16 +23,13 @@ warm_header make_header(const char* magic, uint32_t values, uint32_t terms, uint
   return h;
 }
 
-TEST(Layout, ValueTableAndFirstColumn) {
+TEST(Layout, ValuesAndColumnsWithFullPaddingOnMultiplesOfEight) {
   // One value: the event-type column starts at 80; eight values: 136.
   warm_header h1 = make_header(MAGIC_V6, 1, 1);
   EXPECT_EQ(_offset_values(&h1), 64u);
   EXPECT_EQ(_offset_et_array(&h1), 80u);
   warm_header h8 = make_header(MAGIC_V6, 8, 1);
   EXPECT_EQ(_offset_et_array(&h8), 136u);
-}
-
-TEST(Layout, SectionEndingOnMultipleOfEightGetsFullPadding) {
   // 7 values, 1-bit columns: each column is 1 byte, so et at 128 ends at 129,
   // next at 136. With 8-bit columns of 7 values (8 bytes) a column ending on
   // a multiple of 8 is followed by 8 bytes of padding.
@@ -46,7 +43,7 @@ TEST(Layout, SectionEndingOnMultipleOfEightGetsFullPadding) {
   EXPECT_EQ(_offset_pl_offs(&h), 200u);   // d column is 1 byte
 }
 
-TEST(Layout, OffsetTableWidthByVersion) {
+TEST(Layout, OffsetTableMetadataAndLexicon) {
   // Ten terms: 40 bytes of offsets in a "Tarnix3" file, 80 in "Tarnix6".
   warm_header v3 = make_header(MAGIC_V3, 4, 10);
   warm_header v6 = make_header(MAGIC_V6, 4, 10);
@@ -59,18 +56,12 @@ TEST(Layout, OffsetTableWidthByVersion) {
   EXPECT_EQ(_offset_fclex(&v3), next8(_offset_metadata(&v3) + 120) + 40);
   EXPECT_EQ(_offset_fclex(&v6), next8(_offset_metadata(&v6) + 120));
   EXPECT_EQ(size_without_vardata(&v6), _offset_fclex(&v6));
-}
-
-TEST(Layout, TermsWithoutValuesHaveNoOffsetTable) {
-  warm_header h = make_header(MAGIC_V6, 0, 5);
-  EXPECT_EQ(_offset_metadata(&h), _offset_pl_offs(&h) + 8);
-}
-
-TEST(Layout, LexiconOnlyFilesHaveShortMetadata) {
-  warm_header h = make_header(MAGIC_LEX, 0, 3);
-  EXPECT_FALSE(_has_full_metadata(&h));
-  EXPECT_FALSE(_has_reverse_lex(&h));
-  EXPECT_EQ(_offset_fclex(&h), next8(_offset_metadata(&h) + 12));
+  // Terms without values have no offset table.
+  warm_header none = make_header(MAGIC_V6, 0, 5);
+  EXPECT_EQ(_offset_metadata(&none), _offset_pl_offs(&none) + 8);
+  // Lexicon-only files hold 4-byte metadata records.
+  warm_header lex = make_header(MAGIC_LEX, 0, 3);
+  EXPECT_EQ(_offset_fclex(&lex), next8(_offset_metadata(&lex) + 12));
 }
 
 TEST(Layout, MagicPredicates) {

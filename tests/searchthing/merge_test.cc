@@ -13,6 +13,7 @@
 #include <cstring>
 #include <map>
 #include <new>
+#include <numeric>
 #include <random>
 #include <set>
 #include <string>
@@ -57,8 +58,7 @@ using bytes = std::vector<uint8_t>;
 // The model of a merge: values in the value merge's order, equal
 // (timestamp, address) neighbours made one unless tstats, the columns of the
 // last copy in source order, the lists through the mapping.
-ModelFile reference_merge(const std::vector<ModelFile>& srcs, bool tstats, uint32_t tperb,
-                          std::vector<std::vector<uint32_t>>* mapping_out = nullptr) {
+ModelFile reference_merge(const std::vector<ModelFile>& srcs, bool tstats, uint32_t tperb) {
   struct Entry {
     ModelValue v;
     uint32_t src, j;
@@ -120,16 +120,9 @@ ModelFile reference_merge(const std::vector<ModelFile>& srcs, bool tstats, uint3
   std::map<std::string, ModelTerm> terms;
   for (uint32_t s = 0; s < srcs.size(); ++s) {
     for (const ModelTerm& t : srcs[s].terms) {
-      auto [it, fresh] = terms.try_emplace(t.term);
-      ModelTerm& m = it->second;
-      if (fresh) {
-        m.term = t.term;
-        m.earliest = t.earliest;
-        m.latest = t.latest;
-      } else {
-        m.earliest = std::min(m.earliest, t.earliest);
-        m.latest = std::max(m.latest, t.latest);
-      }
+      ModelTerm& m = terms.try_emplace(t.term, ModelTerm{t.term, {}, 0, t.earliest, t.latest}).first->second;
+      m.earliest = std::min(m.earliest, t.earliest);
+      m.latest = std::max(m.latest, t.latest);
       for (uint32_t id : t.ids) m.ids.push_back(mapping[s][id]);
     }
   }
@@ -143,7 +136,6 @@ ModelFile reference_merge(const std::vector<ModelFile>& srcs, bool tstats, uint3
   for (int c = 0; c < 4; ++c) {
     for (const ModelFile& s : srcs) out.nbits[c] = std::max(out.nbits[c], s.nbits[c]);
   }
-  if (mapping_out) *mapping_out = mapping;
   return out;
 }
 
@@ -161,9 +153,32 @@ void expect_same(const std::vector<T>& got, const std::vector<T>& want, const ch
 }
 
 struct MergeRun {
-  int rc;
-  wrc w;
+  int rc = 0;
+  wrc w{};
   bytes target;
+  uint32_t postings = 0;  // the header's count, of a posting merge alone
+  std::vector<uint32_t> counts;
+};
+
+// What the merge's phases leave when run one by one; freed with the record.
+enum phase : int { kValues = 1, kColumns = 2, kLexicon = 4, kAllButPostings = 7 };
+struct Phases {
+  Phases() = default;
+  Phases(const Phases&) = delete;
+  ~Phases() {
+    _bmap_free(which);
+    free(mapping);
+    free(hdrs);
+  }
+  uint32_t n() const { return static_cast<uint32_t>(fds.size()); }
+  std::vector<int> fds;
+  int tfd = -1;
+  wrc w{};
+  warm_header* hdrs = nullptr;
+  warm_header tgt{};
+  uint32_t* mapping = nullptr;
+  bmap_t* which = nullptr;
+  uint64_t starts[32] = {}, tgt_start = 0;
 };
 
 class MergeTest : public ::testing::Test {
@@ -193,6 +208,12 @@ class MergeTest : public ::testing::Test {
     last_target_ = dir_.file("target" + std::to_string(counter_++) + ".merge");
     return keep(open(last_target_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   }
+  // Cuts an open source to size bytes, so that only the phases after this
+  // point meet the damage.
+  void cut_source(int fd, uint64_t size) {
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
+    EXPECT_EQ(ftruncate(keep(open(self.c_str(), O_WRONLY | O_CLOEXEC)), static_cast<off_t>(size)), 0);
+  }
 
   // Merges the sources into a fresh target, returns its bytes.
   // verbose 1 runs the phases in turn on this thread (and prints the
@@ -210,6 +231,49 @@ class MergeTest : public ::testing::Test {
     return r;
   }
 
+  // Runs the given phases on the sources into a fresh target; without the
+  // value phase the target is a lexicon-only file.
+  void run_phases(Phases& p, const std::vector<bytes>& files, int phases, int tstats = 0) {
+    p.fds = sources(files);
+    p.tfd = target();
+    p.hdrs = _read_src_headers(p.fds.data(), p.n(), &p.w);
+    ASSERT_NE(p.hdrs, nullptr);
+    if (phases & kValues) {
+      _init_magic(&p.tgt);
+      p.mapping = _merge_values(p.fds.data(), p.hdrs, p.n(), p.tfd, &p.tgt, &p.w, tstats);
+      ASSERT_NE(p.mapping, nullptr) << p.w.warm_rc;
+    } else {
+      _set_magic(&p.tgt, MAGIC_LEX);
+    }
+    if (phases & kColumns) {
+      ASSERT_EQ(_merge_array(p.fds.data(), p.hdrs, p.n(), p.mapping, p.tfd, &p.tgt, &p.w), 0);
+    }
+    if (phases & kLexicon) {
+      ASSERT_EQ(_merge_lexicon(0, p.fds.data(), p.hdrs, p.n(), 8, 0, p.tfd, &p.tgt, &p.which, p.starts,
+                               &p.tgt_start, &p.w),
+                0);
+    }
+  }
+
+  // Merges the files and checks the result against the model merge of
+  // their models.
+  ModelFile check_merge(const std::vector<bytes>& files, const std::vector<ModelFile>& models, int tstats,
+                        uint32_t tpb, uint64_t page = 0) {
+    MergeRun r = merge_files(files, tstats, tpb, page);
+    EXPECT_EQ(r.rc, 0) << r.w.message << " index " << r.w.source_index;
+    std::string err;
+    ModelFile got = testutil::parse_index_file(r.target, &err);
+    EXPECT_EQ(err, "");
+    ModelFile want = reference_merge(models, tstats != 0, tpb);
+    EXPECT_EQ(got.magic, "Tarnix6");
+    EXPECT_EQ(got.tperb, tpb);
+    expect_same(got.values, want.values, "values");
+    expect_same(got.terms, want.terms, "terms");
+    EXPECT_EQ(got.num_postings, want.num_postings);
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(got.nbits[c], want.nbits[c]) << "column " << c;
+    return got;
+  }
+
   // Builds the sources from models (metadata filled from their lists when
   // fill is set), merges, and checks the result against the model merge.
   ModelFile merge_and_check(std::vector<ModelFile> srcs, int tstats = 0, uint32_t tpb = 4, bool fill = true) {
@@ -221,19 +285,7 @@ class MergeTest : public ::testing::Test {
       m = testutil::parse_index_file(files.back(), &err);  // widths as stored
       EXPECT_EQ(err, "");
     }
-    MergeRun r = merge_files(files, tstats, tpb);
-    EXPECT_EQ(r.rc, 0) << r.w.message;
-    std::string err;
-    ModelFile got = testutil::parse_index_file(r.target, &err);
-    EXPECT_EQ(err, "");
-    ModelFile want = reference_merge(srcs, tstats != 0, tpb);
-    EXPECT_EQ(got.magic, "Tarnix6");
-    EXPECT_EQ(got.tperb, tpb);
-    expect_same(got.values, want.values, "values");
-    expect_same(got.terms, want.terms, "terms");
-    EXPECT_EQ(got.num_postings, want.num_postings);
-    for (int c = 0; c < 4; ++c) EXPECT_EQ(got.nbits[c], want.nbits[c]) << "column " << c;
-    return got;
+    return check_merge(files, srcs, tstats, tpb);
   }
 
   testutil::TempDir dir_;
@@ -249,6 +301,8 @@ ModelFile file_of(std::vector<ModelValue> values, std::vector<std::pair<std::str
   return m;
 }
 
+bytes file_bytes(const ModelFile& m) { return testutil::build_index_file(m); }
+
 TEST_F(MergeTest, ValueMergeMappingsWithAndWithoutTstats) {
   struct Case {
     int tstats;
@@ -263,27 +317,20 @@ TEST_F(MergeTest, ValueMergeMappingsWithAndWithoutTstats) {
     SCOPED_TRACE(c.tstats);
     const ModelFile a = file_of({{100, 7}, {90, 1}}, {{"a", {0, 1}}});
     ModelFile b = file_of({{100, 7}, {95, 3}}, {{"a", {0, 1}}});
-    std::vector<int> fds = sources({testutil::build_index_file(a), testutil::build_index_file(b)});
-    const int tfd = target();
-    wrc w{};
-    warm_header* hdrs = _read_src_headers(fds.data(), 2, &w);
-    ASSERT_NE(hdrs, nullptr);
-    warm_header tgt{};
-    _init_magic(&tgt);
-    uint32_t* mapping = _merge_values(fds.data(), hdrs, 2, tfd, &tgt, &w, c.tstats);
-    ASSERT_NE(mapping, nullptr) << w.warm_rc;
-    EXPECT_EQ(hdr_num_values(&tgt), c.target.size());
-    EXPECT_EQ(std::vector<uint32_t>(mapping, mapping + 2), c.map0);
-    EXPECT_EQ(std::vector<uint32_t>(mapping + 2, mapping + 4), c.map1);
+    {
+      Phases p;
+      ASSERT_NO_FATAL_FAILURE(run_phases(p, {file_bytes(a), file_bytes(b)}, kValues, c.tstats));
+      EXPECT_EQ(hdr_num_values(&p.tgt), c.target.size());
+      EXPECT_EQ(std::vector<uint32_t>(p.mapping, p.mapping + 2), c.map0);
+      EXPECT_EQ(std::vector<uint32_t>(p.mapping + 2, p.mapping + 4), c.map1);
+    }
+    release();
     bytes t = testutil::read_file(last_target_);
     ASSERT_EQ(t.size(), 64 + 8 * c.target.size());
     for (size_t k = 0; k < c.target.size(); ++k) {
       EXPECT_EQ(static_cast<int32_t>(load_be32(&t[64 + 8 * k])), c.target[k].first);
       EXPECT_EQ(load_be32(&t[68 + 8 * k]), c.target[k].second);
     }
-    free(mapping);
-    free(hdrs);
-    release();
     // And through the whole merge.
     b.terms.push_back(ModelTerm{"b", {1}});
     merge_and_check({a, b}, c.tstats);
@@ -308,12 +355,11 @@ TEST_F(MergeTest, ValueOrderTiesAndBufferBoundaries) {
       (i % 2 ? a : b).values.push_back(v);
     }
     std::vector<uint32_t> ids_a(a.values.size()), ids_b(b.values.size());
-    for (uint32_t i = 0; i < ids_a.size(); ++i) ids_a[i] = i;
-    for (uint32_t i = 0; i < ids_b.size(); ++i) ids_b[i] = i;
+    std::iota(ids_a.begin(), ids_a.end(), 0u);
+    std::iota(ids_b.begin(), ids_b.end(), 0u);
     a.terms = {ModelTerm{"all", ids_a}};
     b.terms = {ModelTerm{"all", ids_b}, ModelTerm{"b", {0}}};
-    ModelFile got = merge_and_check({a, b});
-    EXPECT_EQ(got.values.size(), n);
+    EXPECT_EQ(merge_and_check({a, b}).values.size(), n);
   }
 }
 
@@ -334,10 +380,10 @@ TEST_F(MergeTest, PostingListsMergeThroughTheMappingAndSkipAbsentSources) {
 }
 
 TEST_F(MergeTest, MetadataTakesPostingCountsAndSourceTimes) {
-  ModelFile a = file_of({{200, 1}, {150, 2}, {100, 3}}, {{"t", {0, 1, 2}}});
-  ModelFile b = file_of({{150, 2}, {50, 4}}, {{"t", {0, 1}}});
-  a.terms[0] = ModelTerm{"t", {0, 1, 2}, 3, 100, 200};
-  b.terms[0] = ModelTerm{"t", {0, 1}, 2, 50, 150};
+  ModelFile a = file_of({{200, 1}, {150, 2}, {100, 3}}, {});
+  ModelFile b = file_of({{150, 2}, {50, 4}}, {});
+  a.terms = {ModelTerm{"t", {0, 1, 2}, 3, 100, 200}};
+  b.terms = {ModelTerm{"t", {0, 1}, 2, 50, 150}};
   ModelFile got = merge_and_check({a, b}, 0, 4, false);
   ASSERT_EQ(got.terms.size(), 1u);
   EXPECT_EQ(got.terms[0].count, 4u);
@@ -345,8 +391,7 @@ TEST_F(MergeTest, MetadataTakesPostingCountsAndSourceTimes) {
   EXPECT_EQ(got.terms[0].latest, 200);
   // Signed minimum: a negative earliest wins over positive ones.
   b.terms[0].earliest = -5;
-  got = merge_and_check({a, b}, 0, 4, false);
-  EXPECT_EQ(got.terms[0].earliest, -5);
+  EXPECT_EQ(merge_and_check({a, b}, 0, 4, false).terms[0].earliest, -5);
 }
 
 TEST_F(MergeTest, SingleSourceIsReproduced) {
@@ -362,24 +407,22 @@ TEST_F(MergeTest, SingleSourceIsReproduced) {
 }
 
 TEST_F(MergeTest, ColumnWidthsAreTheWidestSources) {
-  ModelFile a = file_of({{9, 1, 7}, {8, 1, 1}}, {{"a", {0, 1}}});      // event type width 3
-  ModelFile b = file_of({{7, 1, 31}, {6, 1, 20}}, {{"a", {1}}});       // width 5
-  ModelFile got = merge_and_check({a, b});
-  EXPECT_EQ(got.nbits[0], 5u);
-  MergeRun r = merge_files({testutil::build_index_file(a), testutil::build_index_file(b)});
+  ModelFile a = file_of({{9, 1, 7}, {8, 1, 1}}, {{"a", {0, 1}}});  // event type width 3
+  ModelFile b = file_of({{7, 1, 31}, {6, 1, 20}}, {{"a", {1}}});   // width 5
+  EXPECT_EQ(merge_and_check({a, b}).nbits[0], 5u);
+  MergeRun r = merge_files({file_bytes(a), file_bytes(b)});
   EXPECT_EQ(load_be32(&r.target[HDR_ET_SIZE]), 5u * (4 / 8 + 1));
   EXPECT_EQ(load_be32(&r.target[HDR_D_NBITS]), 1u);
   // With tstats both copies stay, each with its own columns; at equal values
   // the source being drained goes on, here the later one.
-  got = merge_and_check({file_of({{10, 4, 0, 0, 0, 3}, {9, 1}}, {{"h", {0}}}),
-                         file_of({{11, 1}, {10, 4, 0, 0, 0, 12}}, {{"h", {1}}})}, 1);
+  ModelFile got = merge_and_check({file_of({{10, 4, 0, 0, 0, 3}, {9, 1}}, {{"h", {0}}}),
+                                   file_of({{11, 1}, {10, 4, 0, 0, 0, 12}}, {{"h", {1}}})},
+                                  1);
   ASSERT_EQ(got.values.size(), 4u);
   EXPECT_EQ(got.values[1].host, 12u);
   EXPECT_EQ(got.values[2].host, 3u);
   // Two sources with the same value and different hosts: the later wins.
-  ModelFile h1 = file_of({{10, 4, 0, 0, 0, 3}}, {{"h", {0}}});
-  ModelFile h2 = file_of({{10, 4, 0, 0, 0, 12}}, {{"h", {0}}});
-  got = merge_and_check({h1, h2});
+  got = merge_and_check({file_of({{10, 4, 0, 0, 0, 3}}, {{"h", {0}}}), file_of({{10, 4, 0, 0, 0, 12}}, {{"h", {0}}})});
   ASSERT_EQ(got.values.size(), 1u);
   EXPECT_EQ(got.values[0].host, 12u);
 }
@@ -391,7 +434,7 @@ TEST_F(MergeTest, SourcesWithoutTermsTakeNoPartInTheLexicon) {
   EXPECT_EQ(got.values.size(), 3u);
   EXPECT_EQ(got.terms[0].ids, std::vector<uint32_t>{1});
   // No terms anywhere: the merge fails with -1 and leaves no header.
-  MergeRun r = merge_files({testutil::build_index_file(empty), testutil::build_index_file(empty)});
+  MergeRun r = merge_files({file_bytes(empty), file_bytes(empty)});
   EXPECT_EQ(r.rc, WS_ENOTAVAIL);
   EXPECT_EQ(r.w.warm_rc, WS_ENOTAVAIL);
   ASSERT_GE(r.target.size(), 64u);
@@ -422,23 +465,34 @@ TEST_F(MergeTest, MixedVersionsMerge) {
   merge_and_check(srcs, 1, 3);
 }
 
-TEST_F(MergeTest, BadMagicIsReportedBeforeAnythingIsWritten) {
-  ModelFile m = file_of({{1, 1}}, {{"a", {0}}});
-  bytes good = testutil::build_index_file(m);
-  for (const char* magic : {"tarnix6", "Tarnix7", "Tarnix2"}) {
-    SCOPED_TRACE(magic);
-    bytes bad = good;
-    memcpy(bad.data(), magic, 8);
-    MergeRun r = merge_files({good, good, bad, good});
-    EXPECT_EQ(r.rc, WS_EMAGIC);
+// Every header is read before anything is written.
+TEST_F(MergeTest, BadHeadersAreReportedBeforeAnythingIsWritten) {
+  const bytes good = file_bytes(file_of({{1, 1}}, {{"a", {0}}}));
+  auto with_magic = [&](const char* magic) {
+    bytes b = good;
+    memcpy(b.data(), magic, 8);
+    return b;
+  };
+  struct Case {
+    const char* what;
+    bytes file;
+    int rc;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"lower case", with_magic("tarnix6"), WS_EMAGIC, "invalid magic"},
+      {"version 7", with_magic("Tarnix7"), WS_EMAGIC, "invalid magic"},
+      {"version 2", with_magic("Tarnix2"), WS_EMAGIC, "invalid magic"},
+      {"short header", bytes(good.begin(), good.begin() + 30), WS_EREAD, "pread warm header failure"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    MergeRun r = merge_files({good, good, c.file, good});
+    EXPECT_EQ(r.rc, c.rc);
     EXPECT_EQ(r.w.source_index, 2);
-    EXPECT_STREQ(r.w.message, "invalid magic");
+    EXPECT_STREQ(r.w.message, c.message);
     EXPECT_TRUE(r.target.empty());
   }
-  MergeRun r = merge_files({good, bytes(good.begin(), good.begin() + 30)});
-  EXPECT_EQ(r.rc, WS_EREAD);
-  EXPECT_EQ(r.w.source_index, 1);
-  EXPECT_STREQ(r.w.message, "pread warm header failure");
 }
 
 TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
@@ -450,70 +504,61 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
     m.terms.push_back(term);
   }
   testutil::fill_metadata(m);
-  const bytes good = testutil::build_index_file(m);
+  const bytes good = file_bytes(m);
   const testutil::ModelLayout l = testutil::layout_of(good);
-  ModelFile other = file_of({{99999, 1}}, {{"t1001", {0}}});
-  const bytes first = testutil::build_index_file(other);
+  const bytes first = file_bytes(file_of({{99999, 1}}, {{"t1001", {0}}}));
+  auto cut = [&](uint64_t size) { return bytes(good.begin(), good.begin() + static_cast<long>(size)); };
+  auto with = [&](hdr_field f, uint32_t v) {
+    bytes b = good;
+    store_be32(&b[f], v);
+    return b;
+  };
   struct Case {
     const char* what;
-    uint64_t cut;
+    bytes file;  // the second source, after first
     int rc;
-    int index;
-    const char* message;  // of the first phase to fail: a cut loses every later section too
+    int index;            // -2: not checked
+    const char* message;  // null: not checked; else of the first phase to fail: a cut loses every later section too
   };
   const Case cases[] = {
-      {"inside the values", l.values + 100, WS_EREAD, -1, ""},
-      {"inside the columns", l.columns + 20, WS_EREAD, 1, "pread for _merge_arrays"},
-      {"inside the offset table", l.pl_offs + 16, WS_EREAD, 1, "_lex_reader_open in st_fclex_merge_n"},
-      {"inside the metadata", l.metadata + 30, WS_EREAD, 1, "_lex_reader_open in st_fclex_merge_n"},
-      {"inside the postings", l.postings + 40, WS_EREAD, -1, ""},
+      {"cut inside the values", cut(l.values + 100), WS_EREAD, -1, ""},
+      {"cut inside the columns", cut(l.columns + 20), WS_EREAD, 1, "pread for _merge_arrays"},
+      {"cut inside the offset table", cut(l.pl_offs + 16), WS_EREAD, 1, "_lex_reader_open in st_fclex_merge_n"},
+      {"cut inside the metadata", cut(l.metadata + 30), WS_EREAD, 1, "_lex_reader_open in st_fclex_merge_n"},
+      {"cut inside the postings", cut(l.postings + 40), WS_EREAD, -1, ""},
+      // A header claiming far more values or a larger column than the file
+      // holds fails with a short read, before any memory is sized by it.
+      {"far more values", with(HDR_NUM_VALUES, 0xF0000000u), WS_EREAD, -1, ""},
+      {"far larger column", with(HDR_H_SIZE, 0xF0000000u), WS_EREAD, 1, "pread for _merge_arrays"},
+      // Widths the column code cannot use.
+      {"deleted flags 2 bits wide", with(HDR_D_NBITS, 2), WS_EDATA, 1, nullptr},
+      {"event types 0 bits wide", with(HDR_ET_NBITS, 0), WS_EDATA, 1, nullptr},
+      {"source column of 1 byte", with(HDR_S_SIZE, 1), WS_EDATA, 1, nullptr},
+      {"posting beyond the values", file_bytes(file_of({{10, 1}, {9, 1}}, {{"p", {0, 5}}})), WS_EDATA, -2, nullptr},
+      // An empty list for a term the lexicon says the source holds.
+      {"empty list", file_bytes(file_of({{10, 1}}, {{"p", {}}, {"q", {0}}})), WS_ENOTAVAIL, 1,
+       "src_tsval_id is UINT_MAX in _merge_all_postings"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    MergeRun r = merge_files({first, bytes(good.begin(), good.begin() + static_cast<long>(c.cut))});
+    MergeRun r = merge_files({first, c.file});
     EXPECT_EQ(r.rc, c.rc) << r.w.message;
     EXPECT_EQ(r.w.warm_rc, c.rc);
-    EXPECT_EQ(r.w.source_index, c.index) << r.w.message;
-    EXPECT_STREQ(r.w.message, c.message);
+    if (c.index != -2) {
+      EXPECT_EQ(r.w.source_index, c.index) << r.w.message;
+    }
+    if (c.message != nullptr) {
+      EXPECT_STREQ(r.w.message, c.message);
+    }
     if (r.target.size() >= 64) {
       EXPECT_EQ(bytes(r.target.begin(), r.target.begin() + 64), bytes(64, 0));
     }
   }
-  // A header claiming far more values or a larger column than the file
-  // holds fails with a short read, before any memory is sized by it.
-  bytes huge = good;
-  store_be32(&huge[HDR_NUM_VALUES], 0xF0000000u);
-  MergeRun r = merge_files({first, huge});
-  EXPECT_EQ(r.rc, WS_EREAD);
-  huge = good;
-  store_be32(&huge[HDR_H_SIZE], 0xF0000000u);
-  r = merge_files({first, huge});
-  EXPECT_EQ(r.rc, WS_EREAD);
-  EXPECT_EQ(r.w.source_index, 1);
-  EXPECT_STREQ(r.w.message, "pread for _merge_arrays");
-  // Widths the column code cannot use.
-  for (hdr_field f : {HDR_D_NBITS, HDR_ET_NBITS, HDR_S_SIZE}) {
-    bytes bad = good;
-    store_be32(&bad[f], f == HDR_S_SIZE ? 1 : f == HDR_D_NBITS ? 2 : 0);
-    r = merge_files({first, bad});
-    EXPECT_EQ(r.rc, WS_EDATA) << f;
-    EXPECT_EQ(r.w.source_index, 1);
-  }
-  // A posting that names a value beyond the source's values.
-  ModelFile beyond = file_of({{10, 1}, {9, 1}}, {{"p", {0, 5}}});
-  r = merge_files({first, testutil::build_index_file(beyond)});
-  EXPECT_EQ(r.rc, WS_EDATA);
   // Values out of order still get ids in the order they are taken, so the
   // mapped lists keep ascending: the merge completes.
   ModelFile unsorted = file_of({{10, 1}, {90, 1}, {10, 1}}, {{"p", {0, 1, 2}}});
-  r = merge_files({testutil::build_index_file(file_of({{50, 1}}, {{"p", {0}}})), testutil::build_index_file(unsorted)});
+  MergeRun r = merge_files({file_bytes(file_of({{50, 1}}, {{"p", {0}}})), file_bytes(unsorted)});
   EXPECT_EQ(r.rc, 0) << r.w.message;
-  // An empty list for a term the lexicon says the source holds.
-  ModelFile hole = file_of({{10, 1}}, {{"p", {}}, {"q", {0}}});
-  r = merge_files({first, testutil::build_index_file(hole)});
-  EXPECT_EQ(r.rc, WS_ENOTAVAIL);
-  EXPECT_EQ(r.w.source_index, 1);
-  EXPECT_STREQ(r.w.message, "src_tsval_id is UINT_MAX in _merge_all_postings");
 }
 
 TEST_F(MergeTest, LexiconOnlyTargetSumsSourceCounts) {
@@ -521,29 +566,17 @@ TEST_F(MergeTest, LexiconOnlyTargetSumsSourceCounts) {
   ModelFile b = file_of({{3, 1}}, {{"b", {0}}, {"c", {0}}});
   testutil::fill_metadata(a);
   testutil::fill_metadata(b);
-  std::vector<int> fds = sources({testutil::build_index_file(a), testutil::build_index_file(b)});
-  const int tfd = target();
-  wrc w{};
-  warm_header* hdrs = _read_src_headers(fds.data(), 2, &w);
-  ASSERT_NE(hdrs, nullptr);
-  warm_header tgt{};
-  _set_magic(&tgt, MAGIC_LEX);
-  bmap_t* which = nullptr;
-  uint64_t starts[2], tgt_start = 0;
-  ASSERT_EQ(_merge_lexicon(0, fds.data(), hdrs, 2, 8, 0, tfd, &tgt, &which, starts, &tgt_start, &w), 0);
-  ASSERT_EQ(hdr_num_terms(&tgt), 3u);
-  EXPECT_EQ(which[0], 1u);
-  EXPECT_EQ(which[1], 2u);
-  EXPECT_EQ(which[2], 3u);
-  ASSERT_EQ(_merge_metadata(fds.data(), hdrs, 2, which, nullptr, tfd, &tgt, &w), 0);
+  Phases p;
+  ASSERT_NO_FATAL_FAILURE(run_phases(p, {file_bytes(a), file_bytes(b)}, kLexicon));
+  ASSERT_EQ(hdr_num_terms(&p.tgt), 3u);
+  EXPECT_EQ(std::vector<bmap_t>(p.which, p.which + 3), (std::vector<bmap_t>{1, 2, 3}));
+  ASSERT_EQ(_merge_metadata(p.fds.data(), p.hdrs, 2, p.which, nullptr, p.tfd, &p.tgt, &p.w), 0);
   bytes t = testutil::read_file(last_target_);
-  const uint64_t meta = _offset_metadata(&tgt);
+  const uint64_t meta = _offset_metadata(&p.tgt);
   ASSERT_GE(t.size(), meta + 12);
   EXPECT_EQ(load_be32(&t[meta]), 2u);
   EXPECT_EQ(load_be32(&t[meta + 4]), 1u);
   EXPECT_EQ(load_be32(&t[meta + 8]), 2u) << "count only, summed over sources";
-  _bmap_free(which);
-  free(hdrs);
 }
 
 // ---- Property test over files written by the index file writer ----------------
@@ -615,15 +648,7 @@ TEST_F(MergeTest, RandomGroupsMatchTheModelMerge) {
     }
     const int tstats = static_cast<int>(rng() % 4 == 0);
     const uint32_t tpb = 1 + rng() % 70;
-    MergeRun r = merge_files(files, tstats, tpb, round % 3 == 0 ? 9 : 0);
-    ASSERT_EQ(r.rc, 0) << r.w.message << " index " << r.w.source_index;
-    std::string err;
-    ModelFile got = testutil::parse_index_file(r.target, &err);
-    ASSERT_EQ(err, "");
-    ModelFile want = reference_merge(models, tstats != 0, tpb);
-    expect_same(got.values, want.values, "values");
-    expect_same(got.terms, want.terms, "terms");
-    EXPECT_EQ(got.num_postings, want.num_postings);
+    const ModelFile got = check_merge(files, models, tstats, tpb, round % 3 == 0 ? 9 : 0);
     // The relation term -> {(timestamp, address)} is the union of the sources'.
     std::map<std::string, std::set<std::pair<int32_t, uint32_t>>> union_rel, merged_rel;
     for (const ModelFile& m : models) {
@@ -636,14 +661,15 @@ TEST_F(MergeTest, RandomGroupsMatchTheModelMerge) {
     }
     EXPECT_EQ(merged_rel, union_rel);
     // The target opens both ways with the counts of its header.
+    const bytes target = testutil::read_file(last_target_);
     for (int by_fd = 0; by_fd < 2; ++by_fd) {
       wrc w{};
       warm* h = by_fd ? st_warm_slice_open_fd(last_target_.c_str(), 0, &w)
                       : st_warm_slice_open(last_target_.c_str(), 0, &w);
       ASSERT_NE(h, nullptr) << w.warm_rc;
-      EXPECT_EQ(st_warm_slice_terms(h), want.terms.size());
-      EXPECT_EQ(st_warm_slice_values(h), want.values.size());
-      EXPECT_EQ(st_warm_slice_postings_size(h), r.target.size() - testutil::layout_of(r.target).postings);
+      EXPECT_EQ(st_warm_slice_terms(h), got.terms.size());
+      EXPECT_EQ(st_warm_slice_values(h), got.values.size());
+      EXPECT_EQ(st_warm_slice_postings_size(h), target.size() - testutil::layout_of(target).postings);
       EXPECT_EQ(st_warm_slice_close(h), 0);
     }
   }
@@ -651,53 +677,31 @@ TEST_F(MergeTest, RandomGroupsMatchTheModelMerge) {
 
 // ---- The posting merge split across two threads ---------------------------------
 
-// Runs the phases up to the postings for the sources into a fresh target and
-// merges the postings in one pass or split; returns the target's bytes.
-struct PostingRun {
-  int rc = 0;
-  wrc w{};
-  uint32_t postings = 0;  // the header's count
-  std::vector<uint32_t> counts;
-  bytes target;
-};
-
 class PostingSplitTest : public MergeTest {
  protected:
-  // cut, when not 0, is the length the last source is cut to once the
-  // lexicon is merged: only the posting merge meets the damage.
-  PostingRun run(const std::vector<bytes>& files, int mode, uint32_t* split_term = nullptr, uint64_t cut = 0) {
-    PostingRun r;
-    std::vector<int> fds = sources(files);
-    const int tfd = target();
-    const auto n = static_cast<uint32_t>(fds.size());
-    warm_header* hdrs = _read_src_headers(fds.data(), n, &r.w);
-    EXPECT_NE(hdrs, nullptr);
-    warm_header tgt{};
-    _init_magic(&tgt);
-    uint32_t* mapping = _merge_values(fds.data(), hdrs, n, tfd, &tgt, &r.w, 0);
-    EXPECT_NE(mapping, nullptr);
-    EXPECT_EQ(_merge_array(fds.data(), hdrs, n, mapping, tfd, &tgt, &r.w), 0);
-    bmap_t* which = nullptr;
-    uint64_t starts[32], tgt_start = 0;
-    EXPECT_EQ(_merge_lexicon(0, fds.data(), hdrs, n, 8, 0, tfd, &tgt, &which, starts, &tgt_start, &r.w), 0);
-    const uint32_t terms = hdr_num_terms(&tgt);
-    if (cut != 0) {
-      EXPECT_EQ(ftruncate(keep(open(("/proc/self/fd/" + std::to_string(fds.back())).c_str(), O_WRONLY | O_CLOEXEC)),
-                          static_cast<off_t>(cut)),
-                0);
+  // Runs the phases up to the postings for the sources into a fresh target
+  // and merges the postings in one pass or split; returns the target's
+  // bytes. cut, when not 0, is the length the last source is cut to once
+  // the lexicon is merged: only the posting merge meets the damage.
+  MergeRun run(const std::vector<bytes>& files, int mode, uint32_t* split_term = nullptr, uint64_t cut = 0) {
+    MergeRun r;
+    {
+      Phases p;
+      run_phases(p, files, kAllButPostings);
+      if (HasFatalFailure()) return r;
+      const uint32_t terms = hdr_num_terms(&p.tgt);
+      if (cut != 0) cut_source(p.fds.back(), cut);
+      if (split_term != nullptr) {
+        uint32_t cursors[32];
+        uint64_t offsets[32], upper = 0;
+        *split_term = _posting_split_term(p.fds.data(), p.hdrs, p.n(), p.which, terms, cursors, offsets, &upper);
+      }
+      r.w = p.w;
+      r.counts.assign(terms, 0);
+      r.rc = _merge_all_postings_split(p.fds.data(), p.hdrs, p.starts, p.n(), p.mapping, p.which, r.counts.data(),
+                                       terms, p.tfd, p.tgt_start, &p.tgt, &r.w, mode);
+      r.postings = hdr_get(&p.tgt, HDR_NUM_POSTINGS);
     }
-    if (split_term != nullptr) {
-      uint32_t cursors[32];
-      uint64_t offsets[32], upper = 0;
-      *split_term = _posting_split_term(fds.data(), hdrs, n, which, terms, cursors, offsets, &upper);
-    }
-    r.counts.assign(terms, 0);
-    r.rc = _merge_all_postings_split(fds.data(), hdrs, starts, n, mapping, which, r.counts.data(), terms, tfd,
-                                     tgt_start, &tgt, &r.w, mode);
-    r.postings = hdr_get(&tgt, HDR_NUM_POSTINGS);
-    _bmap_free(which);
-    free(mapping);
-    free(hdrs);
     release();
     r.target = testutil::read_file(last_target_);
     return r;
@@ -723,7 +727,7 @@ std::vector<bytes> many_term_files(int n, int values, int terms, int vocab, int 
       m.terms.push_back(term);
     }
     testutil::fill_metadata(m);
-    out.push_back(testutil::build_index_file(m));
+    out.push_back(file_bytes(m));
   }
   return out;
 }
@@ -737,16 +741,21 @@ std::vector<bytes> many_term_files(int n, int values, int terms, int vocab, int 
 TEST_F(PostingSplitTest, SplitMatchesOnePass) {
   const std::vector<bytes> files = many_term_files(5, 600, 7000, 9000, 1, 7);
   uint32_t split_term = 0;
-  PostingRun one = run(files, POSTINGS_ONE_PASS, &split_term);
+  MergeRun one = run(files, POSTINGS_ONE_PASS, &split_term);
   ASSERT_EQ(one.rc, 0) << one.w.message;
   ASSERT_GT(split_term, 0u) << "the merge is too small to be split";
   ASSERT_LT(split_term + 2 * 1024, one.counts.size()) << "the upper part is too small for its end to be taken over";
   const testutil::ModelLayout l = testutil::layout_of(files.back());
   const uint64_t postings = files.back().size() - l.postings;
+  auto expect_same_failure = [](const MergeRun& a, const MergeRun& b) {
+    EXPECT_EQ(a.rc, b.rc);
+    EXPECT_EQ(a.w.source_index, b.w.source_index);
+    EXPECT_STREQ(a.w.message, b.w.message);
+  };
   for (int mode : {POSTINGS_SPLIT, POSTINGS_SPLIT_TAKE_OVER, POSTINGS_SPLIT_LATE_TAKE_OVER, POSTINGS_SPLIT_HAND_BACK,
                    POSTINGS_SPLIT_LATE_HAND_BACK}) {
     SCOPED_TRACE(mode);
-    PostingRun two = run(files, mode);
+    MergeRun two = run(files, mode);
     EXPECT_EQ(two.rc, 0);
     EXPECT_EQ(two.counts, one.counts);
     EXPECT_EQ(two.postings, one.postings);
@@ -759,25 +768,20 @@ TEST_F(PostingSplitTest, SplitMatchesOnePass) {
       SCOPED_TRACE(at);
       std::vector<bytes> bad = files;
       bad.back()[l.postings + static_cast<uint64_t>(at * static_cast<double>(postings))] = 0x7F;
-      PostingRun a = run(bad, POSTINGS_ONE_PASS);
-      PostingRun b = run(bad, mode);
-      EXPECT_EQ(a.rc, b.rc);
-      EXPECT_EQ(a.w.source_index, b.w.source_index);
-      EXPECT_STREQ(a.w.message, b.w.message);
+      MergeRun a = run(bad, POSTINGS_ONE_PASS);
+      MergeRun b = run(bad, mode);
+      expect_same_failure(a, b);
       faults += a.rc != 0;
       if (a.rc == 0) {
         EXPECT_EQ(a.counts, b.counts);
         EXPECT_TRUE(a.target == b.target);
       }
       // A cut there: the lists after it cannot be read.
-      bytes cut(files.back().begin(), files.back().begin() + static_cast<long>(l.postings + at * postings));
-      bad.back() = cut;
+      bad.back().assign(files.back().begin(), files.back().begin() + static_cast<long>(l.postings + at * postings));
       a = run(bad, POSTINGS_ONE_PASS);
       b = run(bad, mode);
       EXPECT_NE(a.rc, 0);
-      EXPECT_EQ(a.rc, b.rc);
-      EXPECT_EQ(a.w.source_index, b.w.source_index);
-      EXPECT_STREQ(a.w.message, b.w.message);
+      expect_same_failure(a, b);
     }
     EXPECT_GE(faults, 3) << "the damage should reach every part";
   }
@@ -791,7 +795,7 @@ TEST_F(PostingSplitTest, CutOffsetTableFailsAtTheSourcesFirstList) {
   // Merged term k is name k: the last source's names start at 4 x 7.
   const uint32_t first_of_last = 4 * 7;
   uint32_t split_term = 0;
-  const PostingRun good = run(files, POSTINGS_ONE_PASS, &split_term);
+  const MergeRun good = run(files, POSTINGS_ONE_PASS, &split_term);
   ASSERT_EQ(good.rc, 0) << good.w.message;
   ASSERT_GT(split_term, first_of_last);
   const testutil::ModelLayout l = testutil::layout_of(files.back());
@@ -801,7 +805,7 @@ TEST_F(PostingSplitTest, CutOffsetTableFailsAtTheSourcesFirstList) {
   for (uint32_t cut_at : {terms / 2, terms - 10}) {
     for (int mode : {POSTINGS_ONE_PASS, POSTINGS_SPLIT, POSTINGS_SPLIT_TAKE_OVER, POSTINGS_SPLIT_HAND_BACK}) {
       SCOPED_TRACE(testing::Message() << "cut at entry " << cut_at << ", mode " << mode);
-      PostingRun r = run(files, mode, nullptr, l.pl_offs + uint64_t{entry} * cut_at);
+      MergeRun r = run(files, mode, nullptr, l.pl_offs + uint64_t{entry} * cut_at);
       EXPECT_EQ(r.rc, WS_EREAD);
       EXPECT_EQ(r.w.source_index, 4);
       EXPECT_STREQ(r.w.message, "_seek_reader in _merge_all_postings");
@@ -820,54 +824,46 @@ TEST_F(PostingSplitTest, CutOffsetTableFailsAtTheSourcesFirstList) {
 // the terms before it are written.
 TEST_F(MergeTest, CutMetadataFailsWhereReadsOf341RecordsMeetIt) {
   const std::vector<bytes> files = many_term_files(5, 600, 7000, 9000, 1, 7);
-  const testutil::ModelLayout l = testutil::layout_of(files.back());
-  std::vector<int> fds = sources(files);
-  const int tfd = target();
-  wrc w{};
-  warm_header* hdrs = _read_src_headers(fds.data(), 5, &w);
-  ASSERT_NE(hdrs, nullptr);
-  warm_header tgt{};
-  _init_magic(&tgt);
-  uint32_t* mapping = _merge_values(fds.data(), hdrs, 5, tfd, &tgt, &w, 0);
-  ASSERT_NE(mapping, nullptr);
-  ASSERT_EQ(_merge_array(fds.data(), hdrs, 5, mapping, tfd, &tgt, &w), 0);
-  bmap_t* which = nullptr;
-  uint64_t starts[5], tgt_start = 0;
-  ASSERT_EQ(_merge_lexicon(0, fds.data(), hdrs, 5, 8, 0, tfd, &tgt, &which, starts, &tgt_start, &w), 0);
-  std::vector<uint32_t> counts(hdr_num_terms(&tgt));
-  ASSERT_EQ(_merge_all_postings_n(fds.data(), hdrs, starts, 5, mapping, which, counts.data(), hdr_num_terms(&tgt),
-                                  tfd, tgt_start, &tgt, &w),
+  Phases p;
+  ASSERT_NO_FATAL_FAILURE(run_phases(p, files, kAllButPostings));
+  std::vector<uint32_t> counts(hdr_num_terms(&p.tgt));
+  ASSERT_EQ(_merge_all_postings_n(p.fds.data(), p.hdrs, p.starts, 5, p.mapping, p.which, counts.data(),
+                                  hdr_num_terms(&p.tgt), p.tfd, p.tgt_start, &p.tgt, &p.w),
             0);
-  free(mapping);
   const uint32_t cut_record = 6000;
-  ASSERT_EQ(ftruncate(keep(open(("/proc/self/fd/" + std::to_string(fds.back())).c_str(), O_WRONLY | O_CLOEXEC)),
-                      static_cast<off_t>(l.metadata + TERM_METADATA_SZ * cut_record)),
-            0);
-  EXPECT_EQ(_merge_metadata(fds.data(), hdrs, 5, which, counts.data(), tfd, &tgt, &w), WS_EREAD);
-  EXPECT_EQ(w.source_index, 4);
-  EXPECT_STREQ(w.message, "_ar_get for metadata");
+  cut_source(p.fds.back(), testutil::layout_of(files.back()).metadata + TERM_METADATA_SZ * cut_record);
+  EXPECT_EQ(_merge_metadata(p.fds.data(), p.hdrs, 5, p.which, counts.data(), p.tfd, &p.tgt, &p.w), WS_EREAD);
+  EXPECT_EQ(p.w.source_index, 4);
+  EXPECT_STREQ(p.w.message, "_ar_get for metadata");
   // Merged term k is name k; the last source's names start at 4 x 7.
   const uint32_t failed_term = 4 * 7 + cut_record / 341 * 341;
   const bytes t = testutil::read_file(last_target_);
   uint32_t written = 0;
-  while (written < counts.size() && load_be32(&t[_offset_metadata(&tgt) + TERM_METADATA_SZ * written]) != 0) ++written;
+  while (written < counts.size() && load_be32(&t[_offset_metadata(&p.tgt) + TERM_METADATA_SZ * written]) != 0) {
+    ++written;
+  }
   EXPECT_EQ(written, failed_term);
-  _bmap_free(which);
-  free(hdrs);
 }
 
 // A merge large enough to split its lexicon (and to merge the upper half's
 // posting lists as soon as that half is done) writes the file of a merge
-// that runs every phase in turn, and fails with the same code, message and
-// source index when a source is damaged in either half of its lexicon or
-// of its posting lists.
+// that runs every phase in turn, also when its threads cannot start (every
+// phase then runs on the caller's thread), and fails with the same code,
+// message and source index when a source is damaged in either half of its
+// lexicon or of its posting lists.
 TEST_F(MergeTest, ThreadedMergeMatchesThePhasesInTurn) {
   const std::vector<bytes> files = many_term_files(8, 500, 9000, 20000, 3, 11);
   const MergeRun in_turn = merge_files(files, 0, 8, 0, 1);
-  const MergeRun threaded = merge_files(files, 0, 8, 0, 0);
   ASSERT_EQ(in_turn.rc, 0) << in_turn.w.message;
-  ASSERT_EQ(threaded.rc, 0) << threaded.w.message;
-  EXPECT_TRUE(threaded.target == in_turn.target);
+  // Threads start (0), pthread_create fails (1) or throws (2).
+  for (int refusal : {0, 1, 2}) {
+    SCOPED_TRACE(refusal);
+    g_thread_refusal.store(refusal);
+    const MergeRun threaded = merge_files(files, 0, 8, 0, 0);
+    g_thread_refusal.store(0);
+    EXPECT_EQ(threaded.rc, 0) << threaded.w.message;
+    EXPECT_TRUE(threaded.target == in_turn.target);
+  }
 
   // Damage in the last source (which the pivot's source is not): a term out
   // of order or a bad byte a quarter or three quarters into its lexicon or
@@ -900,22 +896,6 @@ TEST_F(MergeTest, ThreadedMergeMatchesThePhasesInTurn) {
     }
   }
   EXPECT_GE(faults, 6);
-}
-
-// A merge whose threads cannot start runs every phase on the caller's
-// thread and gives the same file.
-TEST_F(MergeTest, MergeWithoutThreadsGivesTheSameFile) {
-  const std::vector<bytes> files = many_term_files(8, 500, 9000, 20000, 3, 11);
-  const MergeRun in_turn = merge_files(files, 0, 8, 0, 1);
-  ASSERT_EQ(in_turn.rc, 0) << in_turn.w.message;
-  for (int refusal : {1, 2}) {
-    SCOPED_TRACE(refusal);
-    g_thread_refusal.store(refusal);
-    const MergeRun alone = merge_files(files, 0, 8, 0, 0);
-    g_thread_refusal.store(0);
-    EXPECT_EQ(alone.rc, 0) << alone.w.message;
-    EXPECT_TRUE(alone.target == in_turn.target);
-  }
 }
 
 }  // namespace

@@ -42,29 +42,15 @@ class memlog {
   FILE* f_;
 };
 
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
 // Descriptors this process holds.
 size_t open_descriptors() { return testutil::list_dir("/proc/self/fd").size(); }
 
 TEST(OptimizeCommit, FinishedTextTable) {
-  struct {
-    int32_t rc;
-    const char* text;
-  } cases[] = {
-      {-31, "no suitable pair of tsidx found for optimize"},
-      {-30, "less than 2 tsidx files in dir"},
-      {-29, "failed, see rc for more details"},
-      {-13, "failed, see rc for more details"},
-      {-1, "failed, see rc for more details"},
-      {0, "files merged successfully"},
-      {-32, "failed, see rc for more details"},
-      {-35, "failed, see rc for more details"},
-      {1, "failed, see rc for more details"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.rc);
-    EXPECT_STREQ(_so_finished_text(c.rc), c.text);
+  EXPECT_STREQ(_so_finished_text(-31), "no suitable pair of tsidx found for optimize");
+  EXPECT_STREQ(_so_finished_text(-30), "less than 2 tsidx files in dir");
+  EXPECT_STREQ(_so_finished_text(0), "files merged successfully");
+  for (int32_t rc : {-29, -13, -1, -32, -35, 1}) {
+    EXPECT_STREQ(_so_finished_text(rc), "failed, see rc for more details") << rc;
   }
 }
 
@@ -92,14 +78,14 @@ TEST(OptimizeCommit, LinkAndUnlinkMovesOrReportsLinkError) {
   // Never over an existing name.
   EXPECT_EQ(_link_and_unlink(d.file("a").c_str(), d.file("taken").c_str(), log.get()), EEXIST);
   EXPECT_EQ(testutil::read_file(d.file("taken")), std::vector<uint8_t>{'t'});
-  EXPECT_TRUE(exists(d.file("a")));
+  EXPECT_TRUE(testutil::exists(d.file("a")));
   const std::string warn("tm={N} WARN link command failed. rc=" + std::to_string(EEXIST) +
                          " Retrying the following files \n\t" + d.file("a") + "\n\t" +
                          d.file("taken") + "\n");
   EXPECT_TRUE(testutil::pattern_match(log.text(), warn)) << log.text();
 
   EXPECT_EQ(_link_and_unlink(d.file("a").c_str(), d.file("b").c_str(), nullptr), 0);
-  EXPECT_FALSE(exists(d.file("a")));
+  EXPECT_FALSE(testutil::exists(d.file("a")));
   EXPECT_EQ(testutil::read_file(d.file("b")), std::vector<uint8_t>{'a'});
 }
 
@@ -162,30 +148,31 @@ TEST(OptimizeCommit, DirectoryListingAfterFailedMove) {
                          "tm=T \t" + d.file("1-1-1.tsidx"), "tm=T \t" + d.file("a:b-c.merge")}));
 }
 
+// Forty index files of one value each in dir; all their events.
+std::vector<testutil::event> forty_slices(const std::string& dir) {
+  std::vector<testutil::event> all;
+  for (uint32_t f = 0; f < 40; ++f) {
+    auto ev = testutil::make_events(f, 1, 10 + f, 5000 + static_cast<int32_t>(f));
+    EXPECT_NE(testutil::write_slice(dir, ev), "");
+    all.insert(all.end(), ev.begin(), ev.end());
+  }
+  return all;
+}
+
 class OptimizeInProcess : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "yes", 1);
     ASSERT_EQ(st_init(), 0);
-    for (uint32_t f = 0; f < 40; ++f) {
-      auto ev = testutil::make_events(f, 1, 10 + f, 5000 + static_cast<int32_t>(f));
-      ASSERT_NE(testutil::write_slice(dir_.path(), ev), "");
-      all_.insert(all_.end(), ev.begin(), ev.end());
-    }
   }
   testutil::TempDir dir_;
-  std::vector<testutil::event> all_;
 };
 
-TEST(OptimizeRunLimits, ZeroAndNegativeLimitsRunOnePass) {
-  setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "yes", 1);
-  ASSERT_EQ(st_init(), 0);
+TEST_F(OptimizeInProcess, ZeroAndNegativeLimitsRunOnePass) {
   for (int32_t limit : {0, -7}) {
     SCOPED_TRACE(limit);
     testutil::TempDir d;
-    for (uint32_t f = 0; f < 40; ++f) {
-      ASSERT_NE(testutil::write_slice(d.path(), testutil::make_events(f, 1, 10 + f, 5000)), "");
-    }
+    forty_slices(d.path());
     wrc w{};
     EXPECT_EQ(st_optimize(d.path().c_str(), SO_MODE_NORMAL, 0, limit, 8, 64, 0, nullptr, &w, 0, 0),
               0);
@@ -196,6 +183,7 @@ TEST(OptimizeRunLimits, ZeroAndNegativeLimitsRunOnePass) {
 // Every pass closes its sources' descriptors (after removing them) and its
 // output's.
 TEST_F(OptimizeInProcess, UnlimitedRunEndsWhenNothingIsLeft) {
+  const std::vector<testutil::event> all = forty_slices(dir_.path());
   wrc w{};
   testutil::write_file(dir_.file("tarnix-need-optimize.dat"), {});
   const size_t descriptors = open_descriptors();
@@ -210,10 +198,11 @@ TEST_F(OptimizeInProcess, UnlimitedRunEndsWhenNothingIsLeft) {
   EXPECT_EQ(names[1], "optimize.result");
   std::vector<testutil::posting> got;
   ASSERT_TRUE(testutil::read_postings(dir_.file(names[0]), &got));
-  EXPECT_EQ(got, testutil::postings_of(all_));
+  EXPECT_EQ(got, testutil::postings_of(all));
 }
 
 TEST_F(OptimizeInProcess, LibraryFormRunsOnePassWithDefaults) {
+  forty_slices(dir_.path());
   tsidx* t = st_tsidx_open(dir_.path().c_str(), 0, 0, 0);
   ASSERT_NE(t, nullptr);
   EXPECT_EQ(st_optimize_ex(t, SO_MODE_NORMAL), 0);
@@ -228,10 +217,8 @@ TEST_F(OptimizeInProcess, LibraryFormRunsOnePassWithDefaults) {
 // is written: every lock is released, every descriptor closed and the
 // sources left as they were, so the next pass, with the name free, merges
 // them.
-TEST(OptimizeCommit, ExistingIntermediateStopsThePassAndReleasesEverything) {
-  setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "yes", 1);
-  ASSERT_EQ(st_init(), 0);
-  testutil::TempDir d;
+TEST_F(OptimizeInProcess, ExistingIntermediateStopsThePassAndReleasesEverything) {
+  const testutil::TempDir& d = dir_;
   const auto a = testutil::make_events(1, 3, 10, 100);
   const auto b = testutil::make_events(2, 5, 20, 200);
   const std::string names[2] = {testutil::write_slice(d.path(), a), testutil::write_slice(d.path(), b)};
@@ -276,10 +263,8 @@ TEST(OptimizeStatus, StatusFileName) {
   EXPECT_EQ(so_status_filename("x", buf), buf);
 }
 
-TEST(OptimizeStatus, ExistingStatusFileIsLeftAsItIs) {
-  setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "yes", 1);
-  ASSERT_EQ(st_init(), 0);
-  testutil::TempDir d;
+TEST_F(OptimizeInProcess, ExistingStatusFileIsLeftAsItIs) {
+  const testutil::TempDir& d = dir_;
   testutil::write_file(d.file("optimize.result"), {'o', 'k'});
   wrc w{};
   EXPECT_EQ(st_optimize(d.path().c_str(), SO_MODE_FORCE, 1, 1, 8, 64, 0, nullptr, &w, 0, 0), 0);

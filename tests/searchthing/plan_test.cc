@@ -36,6 +36,7 @@ std::vector<plan_case> plan_cases() {
   std::vector<int64_t> forty_small(40, 100);
   std::vector<int64_t> forty_growing;
   for (int i = 0; i < 40; ++i) forty_growing.push_back(100 * MiB + i * MiB);
+  const std::vector<int64_t> ten_thousand(10000, 4096);
   return {
       // 2 x 10 is not above 30, but 30 is a small file.
       {"small pair, normal", {10, 30}, SO_MODE_NORMAL, 2, 0, 0, {0, 1}},
@@ -86,6 +87,9 @@ std::vector<plan_case> plan_cases() {
       // At most 32 files, the smallest ones.
       {"forty small files, normal", forty_small, SO_MODE_NORMAL, 8, 0, 0, range(0, 32)},
       {"forty files, mode all", forty_growing, SO_MODE_ALL, 8, 0, 0, range(0, 32)},
+      {"minimum 32 of 10000, normal", ten_thousand, SO_MODE_NORMAL, 32, 0, 0, range(0, 32)},
+      {"minimum 32 of 10000, force", ten_thousand, SO_MODE_FORCE, 32, 0, 0, range(0, 32)},
+      {"minimum 32 of 10000, all", ten_thousand, SO_MODE_ALL, 32, 0, 0, range(0, 32)},
       // Normal mode resumes two places after the failed seed: the seed at 1
       // (which would collect 1, 2, 3 and 4) is never tried.
       {"resume two places after the seed",
@@ -108,16 +112,6 @@ TEST(PlanGroup, TableOfSizes) {
     if (rc == 0) {
       EXPECT_EQ(std::vector<uint32_t>(g.pos, g.pos + g.count), c.expect_pos);
     }
-  }
-}
-
-TEST(PlanGroup, GroupNeverExceedsThirtyTwoInAnyMode) {
-  std::vector<int64_t> sizes(10000, 4096);
-  for (int32_t mode : {SO_MODE_NORMAL, SO_MODE_FORCE, SO_MODE_ALL}) {
-    so_group g;
-    ASSERT_EQ(_so_choose_group(sizes.data(), 10000, mode, 32, 0, &g), 0);
-    EXPECT_EQ(g.count, 32u);
-    EXPECT_EQ(std::vector<uint32_t>(g.pos, g.pos + g.count), range(0, 32));
   }
 }
 

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -39,6 +40,9 @@ struct walk {
 
 class PostingsBatchTest : public ::testing::Test {
  protected:
+  void TearDown() override {
+    if (fd_ >= 0) close(fd_);
+  }
   // A file holding the postings bytes then an 8-byte offset table.
   void make_file(const bytes& postings, const std::vector<uint64_t>& ends) {
     bytes file = postings;
@@ -62,16 +66,16 @@ class PostingsBatchTest : public ::testing::Test {
               0);
     return r;
   }
+  // Takes the rest of the list with _next.
+  static void drain(plist_reader* r, walk* out) {
+    uint32_t v;
+    while ((out->rc = _next(r, &v)) == 0 && v != END_OF_LIST) out->values.push_back(v);
+  }
   walk one_at_a_time(uint32_t term) {
     auto r = reader();
     walk out;
     EXPECT_EQ(_seek_reader(r.get(), term), 0);
-    for (;;) {
-      uint32_t v;
-      out.rc = _next(r.get(), &v);
-      if (out.rc != 0 || v == END_OF_LIST) break;
-      out.values.push_back(v);
-    }
+    drain(r.get(), &out);
     close_plist_reader(r.get());
     return out;
   }
@@ -89,16 +93,10 @@ class PostingsBatchTest : public ::testing::Test {
       }
       EXPECT_GE(n, 1u);
       EXPECT_LE(n, cap);
-      bool end = false;
-      for (uint32_t i = 0; i < n; ++i) {
-        if (buf[i] == END_OF_LIST) {
-          EXPECT_EQ(i, 0u) << "the end marker comes alone";
-          end = true;
-          break;
-        }
-        out.values.push_back(buf[i]);
-      }
-      if (end) break;
+      const auto end = std::find(buf.begin(), buf.begin() + n, END_OF_LIST);
+      EXPECT_TRUE(end == buf.begin() || end == buf.begin() + n) << "the end marker comes alone";
+      out.values.insert(out.values.end(), buf.begin(), end);
+      if (end != buf.begin() + n) break;
     }
     close_plist_reader(r.get());
     return out;
@@ -106,28 +104,21 @@ class PostingsBatchTest : public ::testing::Test {
   // Encodes the lists the way the writer does (gaps and runs).
   static bytes encode(const std::vector<ids>& lists, std::vector<uint64_t>* ends) {
     bytes out;
+    auto code = [&](uint32_t x) {
+      uint8_t b[5];
+      out.insert(out.end(), b, b + st_encode_to_vbe(b, x));
+    };
     for (const ids& l : lists) {
-      uint32_t last = 0;
       uint32_t run = 0;
       for (size_t i = 0; i < l.size(); ++i) {
-        if (i > 0 && l[i] == last + 1) {
-          ++run;
-        } else {
-          if (run > 0) {
-            out.push_back(0);
-            uint8_t b[5];
-            out.insert(out.end(), b, b + st_encode_to_vbe(b, run));
-            run = 0;
-          }
-          uint8_t b[5];
-          out.insert(out.end(), b, b + st_encode_to_vbe(b, l[i] - last));
+        const bool in_run = i > 0 && l[i] == l[i - 1] + 1;
+        run += in_run;
+        if (run > 0 && (!in_run || i + 1 == l.size())) {
+          out.push_back(0);
+          code(run);
+          run = 0;
         }
-        last = l[i];
-      }
-      if (run > 0) {
-        out.push_back(0);
-        uint8_t b[5];
-        out.insert(out.end(), b, b + st_encode_to_vbe(b, run));
+        if (!in_run) code(l[i] - (i > 0 ? l[i - 1] : 0));
       }
       ends->push_back(out.size());
     }
@@ -140,11 +131,6 @@ class PostingsBatchTest : public ::testing::Test {
   int files_ = 0;
   uint64_t table_ = 0;
   std::vector<uint64_t> ends_;
-
- public:
-  ~PostingsBatchTest() override {
-    if (fd_ >= 0) close(fd_);
-  }
 };
 
 // Lists that cross the 4096-byte buffer many times, with runs of every
@@ -230,7 +216,6 @@ TEST_F(PostingsBatchTest, ShortFile) {
   for (uint32_t cap : {1u, 256u}) EXPECT_EQ(batched(0, cap), want) << "cap " << cap;
 }
 
-
 // What a writer and a reader hold after moving part of a list: the writer's
 // fields and output, then what the reader gives from there on.
 struct moved {
@@ -286,11 +271,7 @@ class PostingsMoveTest : public PostingsBatchTest {
     m.rest.rc = fault;
     if (m.rc == 0 && fault == 0) {
       if (pending_value) m.rest.values.push_back(v);
-      for (;;) {
-        m.rest.rc = _next(r.get(), &v);
-        if (m.rest.rc != 0 || v == END_OF_LIST) break;
-        m.rest.values.push_back(v);
-      }
+      drain(r.get(), &m.rest);
     }
     close_plist_reader(r.get());
     return m;

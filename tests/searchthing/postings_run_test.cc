@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -179,8 +180,7 @@ TEST(PostingsRunTest, SeekAfterFindsWhatSeekFinds) {
   const uint64_t psize = postings.size();
   std::vector<uint64_t> long_table;
   // More entries than the table buffer holds (1024), so that it reloads.
-  for (uint32_t t = 0; t < 3000; ++t) long_table.push_back(std::min<uint64_t>(t / 30, psize));
-  for (auto& e : long_table) e = std::max<uint64_t>(e, 1);
+  for (uint32_t t = 0; t < 3000; ++t) long_table.push_back(std::clamp<uint64_t>(t / 30, 1, psize));
   std::vector<uint64_t> bad_late = long_table;
   bad_late[2500] = bad_late[2499] - 1;
   std::vector<table_case> cases = {
@@ -201,11 +201,7 @@ TEST(PostingsRunTest, SeekAfterFindsWhatSeekFinds) {
     bytes file = postings;
     for (uint64_t e : c.ends) {
       uint8_t b[8];
-      if (c.entry_size == 8) {
-        store_be64(b, e);
-      } else {
-        store_be32(b, static_cast<uint32_t>(e));
-      }
+      if (c.entry_size == 8) store_be64(b, e); else store_be32(b, static_cast<uint32_t>(e));
       file.insert(file.end(), b, b + c.entry_size);
     }
     if (c.cut != 0) file.resize(psize + c.cut);

@@ -19,6 +19,7 @@ namespace {
 
 using bytes = std::vector<uint8_t>;
 using ids = std::vector<uint32_t>;
+using offsets = std::vector<uint64_t>;
 
 class PostingsTest : public ::testing::Test {
  protected:
@@ -31,9 +32,11 @@ class PostingsTest : public ::testing::Test {
   }
   void TearDown() override { close(fd_); }
 
-  // Writes the lists through the writer at offset 0; returns the end offsets.
-  std::vector<uint64_t> write_lists(const std::vector<ids>& lists) {
-    std::vector<uint64_t> ends;
+  // Writes the lists through the writer at offset 0 of an emptied file;
+  // returns the end offsets.
+  offsets write_lists(const std::vector<ids>& lists) {
+    EXPECT_EQ(ftruncate(fd_, 0), 0);
+    offsets ends;
     EXPECT_EQ(_plist_writer_open(writer_.get(), fd_, 0), 0);
     for (const ids& l : lists) {
       _plist_writer_start_term(writer_.get());
@@ -47,7 +50,7 @@ class PostingsTest : public ::testing::Test {
 
   // A file of: postings at 0 (given bytes), then an offset table of
   // plo_size-byte entries; opens the reader over it.
-  void open_reader(const bytes& postings, const std::vector<uint64_t>& ends, uint32_t plo_size = 8) {
+  void open_reader(const bytes& postings, const offsets& ends, uint32_t plo_size = 8) {
     bytes file = postings;
     const uint64_t table = file.size();
     for (uint64_t e : ends) {
@@ -80,40 +83,37 @@ class PostingsTest : public ::testing::Test {
 
 TEST_F(PostingsTest, WriterEmitsGapsAndRuns) {
   struct Case {
-    ids values;
+    std::vector<ids> lists;
     bytes expected;
-    uint32_t count;
+    offsets ends;
+    uint32_t count;  // of the last list
   };
   const Case cases[] = {
-      {{5, 6, 7, 8, 20, 21, 40}, {0x05, 0x00, 0x03, 0x0C, 0x00, 0x01, 0x13}, 7},
-      {{7, 7, 8}, {0x07, 0x00, 0x01}, 2},
-      {{0}, {0x00}, 1},
-      {{0, 1}, {0x00, 0x00, 0x01}, 2},
-      {{300, 302}, {0xAC, 0x02, 0x02}, 2},
-      {{10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}, {0x0A, 0x00, 0x0A}, 11},
-      {{}, {}, 0},
+      {{{5, 6, 7, 8, 20, 21, 40}}, {0x05, 0x00, 0x03, 0x0C, 0x00, 0x01, 0x13}, {7}, 7},
+      {{{7, 7, 8}}, {0x07, 0x00, 0x01}, {3}, 2},
+      {{{0}}, {0x00}, {1}, 1},
+      {{{0, 1}}, {0x00, 0x00, 0x01}, {3}, 2},
+      {{{300, 302}}, {0xAC, 0x02, 0x02}, {3}, 2},
+      {{{10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}}, {0x0A, 0x00, 0x0A}, {3}, 11},
+      {{{}}, {}, {0}, 0},
+      // A list starts with a plain value, never a run: neither the first
+      // list at 1 nor a new term at the last term's value plus one.
+      {{{1, 2}}, {0x01, 0x00, 0x01}, {3}, 2},
+      {{{8}, {9}}, {0x08, 0x09}, {1, 2}, 1},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.values));
-    ASSERT_EQ(ftruncate(fd_, 0), 0);
-    auto ends = write_lists({c.values});
+    SCOPED_TRACE(::testing::PrintToString(c.lists));
+    EXPECT_EQ(write_lists(c.lists), c.ends);
     EXPECT_EQ(testutil::read_file(path_), c.expected);
-    EXPECT_EQ(ends[0], c.expected.size());
     EXPECT_EQ(writer_->count_forterm, c.count);
   }
-}
-
-TEST_F(PostingsTest, ANewTermStartsWithAPlainValueNotARun) {
-  auto ends = write_lists({{8}, {9}});
-  EXPECT_EQ(testutil::read_file(path_), (bytes{0x08, 0x09}));
-  EXPECT_EQ(ends, (std::vector<uint64_t>{1, 2}));
 }
 
 TEST_F(PostingsTest, ReaderDecodesGapsRunsAndEmptyLists) {
   // Term 0 coded with runs, term 1 empty, term 2 the same values as plain
   // gaps (as the file writer emits them), term 3 the single value 0.
-  bytes p = {0x05, 0x00, 0x03, 0x0C, 0x00, 0x01, 0x13, 0x05, 0x01, 0x01, 0x01, 0x0C, 0x01, 0x13, 0x00};
-  open_reader(p, {7, 7, 14, 15});
+  open_reader({0x05, 0x00, 0x03, 0x0C, 0x00, 0x01, 0x13, 0x05, 0x01, 0x01, 0x01, 0x0C, 0x01, 0x13, 0x00},
+              {7, 7, 14, 15});
   const ids expected = {5, 6, 7, 8, 20, 21, 40};
   EXPECT_EQ(read_list(0), expected);
   EXPECT_EQ(read_list(1), ids{});
@@ -122,9 +122,7 @@ TEST_F(PostingsTest, ReaderDecodesGapsRunsAndEmptyLists) {
   // Back to an earlier list: the buffer is refilled from there.
   EXPECT_EQ(read_list(0), expected);
   close_plist_reader(reader_.get());
-}
-
-TEST_F(PostingsTest, FourByteOffsetTablesAreRead) {
+  // Four-byte offset tables.
   open_reader({0x03, 0x04, 0x00, 0x02}, {1, 4}, 4);
   EXPECT_EQ(read_list(0), ids{3});
   EXPECT_EQ(read_list(1), (ids{4, 5, 6}));
@@ -154,13 +152,12 @@ TEST_F(PostingsTest, MalformedListsAreRejected) {
   struct Case {
     const char* what;
     bytes postings;
-    int rc;
   };
   const Case cases[] = {
-      {"five-byte code with high bit", {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01}, WS_EDATA},
-      {"code runs past the list", {0x05, 0x80}, WS_EDATA},
-      {"run of zero", {0x05, 0x00, 0x00}, WS_EDATA},
-      {"values overflow 32 bits", {0x05, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F}, WS_EDATA},
+      {"five-byte code with high bit", {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01}},
+      {"code runs past the list", {0x05, 0x80}},
+      {"run of zero", {0x05, 0x00, 0x00}},
+      {"values overflow 32 bits", {0x05, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -168,21 +165,19 @@ TEST_F(PostingsTest, MalformedListsAreRejected) {
     open_reader(c.postings, {c.postings.size()});
     int rc = 0;
     read_list(0, &rc);
-    EXPECT_EQ(rc, c.rc);
+    EXPECT_EQ(rc, WS_EDATA);
     close_plist_reader(reader_.get());
   }
 }
 
-TEST_F(PostingsTest, OffsetTableBeyondThePostingsIsCorrupt) {
+TEST_F(PostingsTest, BadOffsetsAndShortPostings) {
   open_reader({0x01, 0x02}, {2, 1});
   EXPECT_EQ(_seek_reader(reader_.get(), 1), WS_EDATA) << "end before start";
   reader_->postings_size = 1;
   EXPECT_EQ(_seek_reader(reader_.get(), 0), WS_EDATA) << "end past the postings";
   EXPECT_EQ(_seek_reader(reader_.get(), 2), WS_ENOTAVAIL) << "no such term";
   close_plist_reader(reader_.get());
-}
-
-TEST_F(PostingsTest, TruncatedPostingsGiveAReadFailure) {
+  // Postings that end before their offsets say give a read failure.
   open_reader({0x01, 0x02}, {2});
   reader_->postings_size = 9000;
   reader_->postings_offset = 100000;  // nothing to read there
@@ -192,21 +187,21 @@ TEST_F(PostingsTest, TruncatedPostingsGiveAReadFailure) {
   close_plist_reader(reader_.get());
 }
 
-TEST_F(PostingsTest, LongListsRoundTripThroughBothBuffers) {
+// Lists far past 8192 bytes (mixed runs and gaps) and many short lists whose
+// repeated values the writer drops.
+TEST_F(PostingsTest, ListsRoundTripThroughBothBuffers) {
   std::mt19937 rng(1234);
   std::vector<ids> lists;
-  // Mixed runs and gaps, from a few values up to lists far past 8192 bytes.
   for (uint32_t n : {1u, 3u, 5000u, 40000u, 2u, 70000u}) {
     ids l;
-    uint32_t v = rng() % 3;
-    for (uint32_t i = 0; i < n; ++i) {
+    for (uint32_t i = 0, v = rng() % 3; i < n; ++i) {
       l.push_back(v);
       uint32_t r = rng() % 10;
       v += r < 5 ? 1 : r < 8 ? 2 + rng() % 100 : 1000 + rng() % 100000;
     }
     lists.push_back(l);
   }
-  auto ends = write_lists(lists);
+  offsets ends = write_lists(lists);
   ASSERT_GT(ends.back(), 3 * PLW_BUF_SZ);
   bytes p = testutil::read_file(path_);
   ASSERT_EQ(p.size(), ends.back());
@@ -214,17 +209,14 @@ TEST_F(PostingsTest, LongListsRoundTripThroughBothBuffers) {
   for (uint32_t t = 0; t < lists.size(); ++t) EXPECT_EQ(read_list(t), lists[t]) << t;
   // Skipping through a long list gives the first value at or above each target.
   ASSERT_EQ(_seek_reader(reader_.get(), 3), 0);
-  const ids& l = lists[3];
-  for (size_t k = 0; k < l.size(); k += 997) {
+  for (size_t k = 0; k < lists[3].size(); k += 997) {
     uint32_t v;
-    ASSERT_EQ(_seek(reader_.get(), l[k], &v), 0);
-    ASSERT_EQ(v, l[k]);
+    ASSERT_EQ(_seek(reader_.get(), lists[3][k], &v), 0);
+    ASSERT_EQ(v, lists[3][k]);
   }
   close_plist_reader(reader_.get());
-}
 
-TEST_F(PostingsTest, RandomListsWithDuplicatesRoundTrip) {
-  std::mt19937 rng(99);
+  rng.seed(99);
   std::vector<ids> puts, expected;
   for (int t = 0; t < 200; ++t) {
     ids put, exp;
@@ -237,7 +229,7 @@ TEST_F(PostingsTest, RandomListsWithDuplicatesRoundTrip) {
     puts.push_back(put);
     expected.push_back(exp);
   }
-  auto ends = write_lists(puts);
+  ends = write_lists(puts);
   open_reader(testutil::read_file(path_), ends);
   for (uint32_t t = 0; t < expected.size(); ++t) EXPECT_EQ(read_list(t), expected[t]) << t;
   close_plist_reader(reader_.get());

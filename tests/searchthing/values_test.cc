@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,12 +17,7 @@
 namespace tarnix {
 namespace {
 
-struct warm_ptr {
-  warm* w = nullptr;
-  ~warm_ptr() {
-    if (w != nullptr) st_warm_slice_close(w);
-  }
-};
+using warm_ptr = std::unique_ptr<warm, int (*)(warm*)>;
 
 // A file of n values (timestamp 1000 - i, address i, attributes from i) and
 // one term holding all of them.
@@ -53,6 +49,7 @@ TEST(TsvalOrder, LaterFirstThenLargerAddressFirst) {
       {{5, 9, 1, 2, 3, 4}, {5, 9, 0, 0, 0, 0}, 0},         // attributes do not count
   };
   for (const row& r : rows) {
+    SCOPED_TRACE(&r - rows);
     EXPECT_EQ(st_tsval_compare(&r.a, &r.b), r.want);
     uint8_t a[8], b[8];
     store_be32(a, static_cast<uint32_t>(r.a.timestamp));
@@ -98,11 +95,10 @@ TEST(TsvalReader, ReadAheadHintAndRange) {
   testutil::TempDir dir;
   const std::string path = write_values(dir, 10);
   wrc rc{};
-  warm_ptr wp;
-  wp.w = st_warm_slice_open(path.c_str(), 0, &rc);
-  ASSERT_NE(wp.w, nullptr) << rc.warm_rc;
+  warm_ptr wp(st_warm_slice_open(path.c_str(), 0, &rc), st_warm_slice_close);
+  ASSERT_NE(wp, nullptr) << rc.warm_rc;
   tsval_reader r;
-  ASSERT_EQ(_tsval_reader_open(&r, wp.w, 4, nullptr), 0);
+  ASSERT_EQ(_tsval_reader_open(&r, wp.get(), 4, nullptr), 0);
   tsval v{};
   // Capacity 4, 10 values: decoding 8 reads 8 and 9 only; 9 is then cached.
   ASSERT_EQ(_tsval_reader_decode(&r, 8, &v), 0);
@@ -131,7 +127,7 @@ TEST(TsvalReader, ReadAheadHintAndRange) {
   EXPECT_EQ(r._buf, nullptr);
 
   // Without read-ahead every value is one read and nothing is cached.
-  ASSERT_EQ(_tsval_reader_open(&r, wp.w, 0, nullptr), 0);
+  ASSERT_EQ(_tsval_reader_open(&r, wp.get(), 0, nullptr), 0);
   for (uint32_t i = 0; i < 10; ++i) {
     ASSERT_EQ(_tsval_reader_decode(&r, i, &v), 0);
     EXPECT_EQ(v.event_address, i);
@@ -163,11 +159,9 @@ TEST(TsvalReader, PartialReaderAndShortRead) {
   ASSERT_EQ(_tsval_reader_decode(&r, 0, &v), 0);
   EXPECT_EQ(v.timestamp, 1000);
   // Columns attached by the caller belong to the reader from then on.
-  r.et_array = static_cast<uint8_t*>(calloc(8, 1));
-  r.s_array = static_cast<uint8_t*>(calloc(8, 1));
-  r.st_array = static_cast<uint8_t*>(calloc(8, 1));
-  r.h_array = static_cast<uint8_t*>(calloc(8, 1));
-  r.d_array = static_cast<uint8_t*>(calloc(8, 1));
+  for (uint8_t** col : {&r.et_array, &r.s_array, &r.st_array, &r.h_array, &r.d_array}) {
+    *col = static_cast<uint8_t*>(calloc(8, 1));
+  }
   r.et_nbits = r.s_nbits = r.st_nbits = r.h_nbits = r.d_nbits = 1;
   _tsval_reader_close(&r);
   close(fd);
@@ -178,13 +172,13 @@ TEST(TsvalReader, AllEventsSkipsDeletedAndAppliesCallback) {
   const std::string path = write_values(dir, 10);
   for (int mode = 0; mode < 2; ++mode) {
     wrc rc{};
-    warm_ptr wp;
-    wp.w = mode == 0 ? st_warm_slice_open(path.c_str(), 0, &rc) : st_warm_slice_open_fd(path.c_str(), 0, &rc);
-    ASSERT_NE(wp.w, nullptr) << rc.warm_rc;
+    warm_ptr wp(mode == 0 ? st_warm_slice_open(path.c_str(), 0, &rc) : st_warm_slice_open_fd(path.c_str(), 0, &rc),
+                st_warm_slice_close);
+    ASSERT_NE(wp, nullptr) << rc.warm_rc;
     tsval* arr = static_cast<tsval*>(malloc(sizeof(tsval) * 2));
     arr[0] = tsval{1, 2, 3, 4, 5, 6};
     uint64_t cap = 2, pos = 1;
-    ASSERT_EQ(st_warm_slice_all_events(wp.w, &arr, &cap, &pos, &rc), 0);
+    ASSERT_EQ(st_warm_slice_all_events(wp.get(), &arr, &cap, &pos, &rc), 0);
     EXPECT_EQ(pos, 10u);  // one kept, nine live of ten
     EXPECT_GE(cap, 11u);
     EXPECT_EQ(arr[0].host, 6u);
@@ -199,7 +193,7 @@ TEST(TsvalReader, AllEventsSkipsDeletedAndAppliesCallback) {
       static_cast<ctx*>(p)->addrs.push_back(v->event_address);
       return v->event_address == 6 ? 42 : 0;
     };
-    EXPECT_EQ(st_warm_slice_apply_events(wp.w, cb, &c, &rc), 42);
+    EXPECT_EQ(st_warm_slice_apply_events(wp.get(), cb, &c, &rc), 42);
     EXPECT_EQ(c.addrs, (std::vector<uint32_t>{0, 1, 2, 4, 5, 6}));
   }
 }
