@@ -29,37 +29,30 @@ std::vector<uint8_t> corpus_file(const std::string& target, const std::string& n
   return testutil::read_file(corpus_dir() + "/" + target + "/" + name);
 }
 
-// Every kept input of every target runs to its end (a broken promise or a
-// memory error aborts the test program).
-TEST(FuzzCorpus, EveryKeptInputReplays) {
+// Runs every input below root/<target>/ through its target (a broken
+// promise or a memory error aborts the test program); the number run.
+int replay(const std::string& root) {
   int replayed = 0;
   for (const auto& t : FUZZ_TARGETS) {
-    const std::string dir = corpus_dir() + "/" + t.name;
-    for (const std::string& name : testutil::list_dir(dir)) {
+    for (const std::string& name : testutil::list_dir(root + "/" + t.name)) {
       SCOPED_TRACE(std::string(t.name) + "/" + name);
-      std::vector<uint8_t> bytes = testutil::read_file(dir + "/" + name);
+      std::vector<uint8_t> bytes = testutil::read_file(root + "/" + t.name + "/" + name);
       EXPECT_EQ(0, t.fn(bytes.data(), bytes.size()));
       ++replayed;
     }
   }
-  EXPECT_GT(replayed, 0);
+  return replayed;
 }
+
+TEST(FuzzCorpus, EveryKeptInputReplays) { EXPECT_GT(replay(corpus_dir()), 0); }
 
 // The seeds themselves go through every target too: valid files must read
 // back completely, and merging each with the two valid partners succeeds.
 TEST(FuzzCorpus, GeneratedSeedsRunThroughEveryTarget) {
   testutil::TempDir d;
   ASSERT_GT(testutil::fuzz_make_seeds(d.path()), 20);
-  for (const auto& t : FUZZ_TARGETS) {
-    const std::string dir = d.path() + "/" + t.name;
-    std::vector<std::string> names = testutil::list_dir(dir);
-    EXPECT_FALSE(names.empty()) << t.name;
-    for (const std::string& name : names) {
-      SCOPED_TRACE(std::string(t.name) + "/" + name);
-      std::vector<uint8_t> bytes = testutil::read_file(dir + "/" + name);
-      EXPECT_EQ(0, t.fn(bytes.data(), bytes.size()));
-    }
-  }
+  for (const auto& t : FUZZ_TARGETS) EXPECT_FALSE(testutil::list_dir(d.file(t.name)).empty()) << t.name;
+  replay(d.path());
 }
 
 // Writes bytes to a file in d and opens it read-only.
@@ -104,10 +97,6 @@ TEST(FuzzRegression, IndexFileLexiconBeyondTheFile) {
   EXPECT_EQ(nullptr, tarnix::st_warm_slice_open_fd(d.file("in.tsidx").c_str(), 0, &rc));
   EXPECT_EQ(tarnix::WS_ETRUNC, rc.warm_rc);
 }
-
-}  // namespace
-
-namespace {
 
 // Merges the files of d named in sources into d/out.tsidx; the merge's code.
 int merge_in(const testutil::TempDir& d, const std::vector<std::string>& sources, tarnix::wrc* w) {

@@ -19,18 +19,23 @@ using testutil::TempDir;
 
 namespace {
 
+// A new file, read-write, holding content.
 struct scratch_file {
   TempDir dir;
   std::string path = dir.file("f");
-  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  int fd = -1;
+  explicit scratch_file(const std::vector<uint8_t>& content = {}) {
+    testutil::write_file(path, content);
+    fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  }
+  explicit scratch_file(const std::string& s) : scratch_file(std::vector<uint8_t>(s.begin(), s.end())) {}
   ~scratch_file() { close(fd); }
 };
 
 // ---- Positional reads -----------------------------------------------------------------
 
 TEST(FclexPread, VerifyReportsShortReadsWithTheLabel) {
-  scratch_file f;
-  ASSERT_EQ(pwrite(f.fd, "0123456789", 10, 0), 10);
+  scratch_file f("0123456789");
   char buf[16] = {};
   testing::internal::CaptureStderr();
   EXPECT_EQ(_pread_verify(f.fd, buf, 4, 3, "unused"), 1);
@@ -44,8 +49,7 @@ TEST(FclexPread, VerifyReportsShortReadsWithTheLabel) {
 }
 
 TEST(FclexPread, TimedReadCountsAndComplains) {
-  scratch_file f;
-  ASSERT_EQ(pwrite(f.fd, "abcdef", 6, 0), 6);
+  scratch_file f("abcdef");
   char buf[16];
   uint32_t hist[READ_HISTOGRAM_SZ] = {};
   testing::internal::CaptureStderr();
@@ -134,22 +138,16 @@ TEST(FclexWriter, VerboseLinesShowThatMemoryIsPages) {
   EXPECT_EQ(d.pages, nullptr);
 }
 
-TEST(FclexWriter, RejectsOverlongTerms) {
+TEST(FclexWriter, OverlongTermAndReadOnlyDescriptorFail) {
   lex_writer w{};
-  ASSERT_EQ(_lex_writer_open(0, &w, 4, 0, 4), 0);
+  ASSERT_EQ(_lex_writer_open(0, &w, 2, 0, 3), 0);
   std::string t(MAX_TERM_LEN + 1, 'x');
   EXPECT_EQ(_lex_writer_put(&w, t.data(), t.size()), WS_E32BIT);
   EXPECT_EQ(_lex_writer_put(&w, t.data(), MAX_TERM_LEN), 0);
   EXPECT_EQ(w._cursor, 1u);
-  _lex_writer_discard(&w);
-}
-
-TEST(FclexWriter, CloseOnAReadOnlyDescriptorFailsAndFreesPages) {
+  // Closing onto a descriptor that cannot write fails, and frees the pages.
   scratch_file f;
   int ro = open(f.path.c_str(), O_RDONLY | O_CLOEXEC);
-  lex_writer w{};
-  ASSERT_EQ(_lex_writer_open(0, &w, 2, 0, 3), 0);
-  ASSERT_EQ(_lex_writer_put(&w, "a", 1), 0);
   uint64_t end = 0;
   EXPECT_EQ(_lex_writer_close(0, &w, ro, 0, &end), WS_EWRITE);
   EXPECT_EQ(w.pages, nullptr);
@@ -249,10 +247,7 @@ TEST(FclexReader, SmallBlocksAreReadManyAtATime) {
 }
 
 TEST(FclexReader, FailedBlockReadIsRecorded) {
-  std::vector<std::string> terms = {"apple", "apply", "apt", "bat", "bath"};
-  std::vector<uint8_t> s = testutil::build_with_writer(terms, 4);
-  scratch_file f;
-  ASSERT_EQ(pwrite(f.fd, s.data(), s.size(), 0), static_cast<ssize_t>(s.size()));
+  scratch_file f(testutil::build_with_writer({"apple", "apply", "apt", "bat", "bath"}, 4));
   lex_reader r{};
   ASSERT_EQ(_lex_reader_open(&r, f.fd, 0), 0);
   ASSERT_EQ(ftruncate(f.fd, 30), 0);  // the blocks vanish after the open
@@ -267,11 +262,8 @@ TEST(FclexReader, FailedBlockReadIsRecorded) {
 
 TEST(FclexReader, DescriptorHandleFetchFailureMessage) {
   // Block 1 is 04 'bath' 04 01 'e', at section bytes 36 to 43.
-  std::vector<std::string> terms = {"apple", "apply", "apt", "bat", "bath", "bathe"};
-  std::vector<uint8_t> s = testutil::build_with_writer(terms, 4);
-  ASSERT_EQ(s.size(), 44u);
-  scratch_file f;
-  ASSERT_EQ(pwrite(f.fd, s.data(), s.size(), 0), static_cast<ssize_t>(s.size()));
+  scratch_file f(testutil::build_with_writer({"apple", "apply", "apt", "bat", "bath", "bathe"}, 4));
+  ASSERT_EQ(testutil::file_size(f.path), 44);
   fclex* h = st_fclex_open_fd(f.fd, 0);
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(st_fclex_get(h, "bathe", nullptr), 5u);
@@ -288,12 +280,8 @@ TEST(FclexReader, DescriptorHandleFetchFailureMessage) {
 
 // ---- Invariants ---------------------------------------------------------------------------------
 
-class FclexIoDeath : public ::testing::Test {
- protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-TEST_F(FclexIoDeath, NamedAssertions) {
+TEST(FclexIoDeath, NamedAssertions) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   using testutil::re_escape;
   lex_writer w{};
   EXPECT_DEATH(_lex_writer_open(0, &w, 4, 8, 10), re_escape("writer->_page_sz >= sizeof(size_t) + 1"));
@@ -307,11 +295,10 @@ TEST_F(FclexIoDeath, NamedAssertions) {
   EXPECT_DEATH(_bor_get(&closed._bor, 0, &off), re_escape("((reader->_fd) >= 0)"));
 }
 
-TEST_F(FclexIoDeath, ReaderBoundsAreAsserted) {
+TEST(FclexIoDeath, ReaderBoundsAreAsserted) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   using testutil::re_escape;
-  std::vector<uint8_t> s = testutil::build_with_writer({"a", "b", "c"}, 2);
-  scratch_file f;
-  ASSERT_EQ(pwrite(f.fd, s.data(), s.size(), 0), static_cast<ssize_t>(s.size()));
+  scratch_file f(testutil::build_with_writer({"a", "b", "c"}, 2));
   lex_reader r{};
   ASSERT_EQ(_lex_reader_open(&r, f.fd, 0), 0);
   uint64_t off = 0;

@@ -39,11 +39,12 @@ struct merge_result {
 };
 
 // Writes every source into one file (each behind a few junk bytes, so that
-// offsets matter), merges them and closes the writer into a second file.
-// split_min: 0 merges with st_fclex_merge_n, else with _fclex_merge_n_split
-// and that many source terms as the least to split.
+// offsets matter), then the raw sections as they are, merges them and
+// closes the writer into a second file. split_min: 0 merges with
+// st_fclex_merge_n, else with _fclex_merge_n_split and that many source
+// terms as the least to split.
 merge_result run_merge(const std::vector<source>& sources, uint32_t tperb, uint64_t page_sz = 0,
-                       const std::vector<std::vector<uint8_t>>& raw = {}, uint64_t split_min = 0) {
+                       const std::vector<std::vector<uint8_t>>& raw = {}, uint64_t split_min = 0, int verbose = 0) {
   merge_result r;
   TempDir dir;
   int fd = open(dir.file("src").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
@@ -67,12 +68,13 @@ merge_result run_merge(const std::vector<source>& sources, uint32_t tperb, uint6
   r.ends.assign(r.offsets.size(), 0);
   lex_writer writer{};
   bmap_t* which = nullptr;
+  const uint32_t n = static_cast<uint32_t>(fds.size());
   if (split_min == 0) {
-    r.rc = st_fclex_merge_n(0, fds.data(), r.offsets.data(), static_cast<uint32_t>(fds.size()), tperb, page_sz,
-                            &writer, &r.merged, &which, r.ends.data(), &r.w);
+    r.rc = st_fclex_merge_n(verbose, fds.data(), r.offsets.data(), n, tperb, page_sz, &writer, &r.merged, &which,
+                            r.ends.data(), &r.w);
   } else {
-    r.rc = _fclex_merge_n_split(0, fds.data(), r.offsets.data(), static_cast<uint32_t>(fds.size()), tperb, page_sz,
-                                &writer, &r.merged, &which, r.ends.data(), &r.w, split_min);
+    r.rc = _fclex_merge_n_split(verbose, fds.data(), r.offsets.data(), n, tperb, page_sz, &writer, &r.merged,
+                                &which, r.ends.data(), &r.w, split_min);
   }
   if (r.rc == 0 && r.merged > 0) {
     r.bmaps.assign(which, which + r.merged);
@@ -159,28 +161,32 @@ void check_against_model(const std::vector<source>& sources, const merge_result&
   }
 }
 
+const uint32_t kTperbs[] = {1, 2, 3, 8, 64};
+
+// n sources drawn from one pool (so that they overlap in every pattern),
+// each keeping min_keep to 99 percent of it, with a random tperb each.
+std::vector<source> random_sources(std::mt19937& rng, size_t n, size_t pool_base, bool long_terms,
+                                   uint32_t min_keep) {
+  terms_t pool = testutil::random_terms(rng, pool_base + rng() % (4 * pool_base), long_terms);
+  std::vector<source> sources(n);
+  for (source& s : sources) {
+    s.tperb = kTperbs[rng() % 5];
+    const uint32_t keep = min_keep + rng() % (100 - min_keep);
+    for (const auto& t : pool) {
+      if (rng() % 100 < keep) s.terms.push_back(t);
+    }
+    if (s.terms.empty()) s.terms.push_back(pool[rng() % pool.size()]);
+  }
+  return sources;
+}
+
 TEST(FclexMerge, RandomSourcesMatchTheUnionModel) {
   std::mt19937 rng(2024);
-  const uint32_t tperbs[] = {1, 2, 3, 8, 64};
   for (int round = 0; round < 12; ++round) {
     SCOPED_TRACE(round);
-    size_t n = 1 + rng() % 32;
-    if (round == 0) n = 32;
-    // A shared pool, so that sources overlap in every pattern.
-    terms_t pool = testutil::random_terms(rng, 400 + rng() % 1600, round % 3 == 0);
-    std::vector<source> sources;
-    for (size_t i = 0; i < n; ++i) {
-      source s;
-      s.tperb = tperbs[rng() % 5];
-      uint32_t keep = 1 + rng() % 100;  // percent of the pool
-      for (const auto& t : pool) {
-        if (rng() % 100 < keep) s.terms.push_back(t);
-      }
-      if (s.terms.empty()) s.terms.push_back(pool[rng() % pool.size()]);
-      sources.push_back(std::move(s));
-    }
-    uint32_t tperb = tperbs[rng() % 5];
-    merge_result r = run_merge(sources, tperb, round % 2 ? 64 : 0);
+    const size_t n = round == 0 ? 32 : 1 + rng() % 32;
+    const std::vector<source> sources = random_sources(rng, n, 400, round % 3 == 0, 1);
+    merge_result r = run_merge(sources, kTperbs[rng() % 5], round % 2 ? 64 : 0);
     ASSERT_EQ(r.rc, 0);
     check_against_model(sources, r);
     for (size_t i = 0; i < n; ++i) EXPECT_EQ(r.ends[i], r.offsets[i] + r.sizes[i]);
@@ -240,8 +246,7 @@ TEST(FclexMerge, SourceOutOfOrderIsRefused) {
   // suffix.
   const std::vector<uint8_t> repeat = {0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 6, 0, 0, 0, 5, 3, 'a', 'b', 'c', 3};
   // "abc", then prefix 1 and suffix "bb" ("abb": shares 2 bytes, not 1).
-  const std::vector<uint8_t> short_prefix = {0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 6,  0,  0,
-                                             0, 7, 3, 'a', 'b', 'c', 1, 'b', 'b'};
+  std::vector<uint8_t> short_prefix = {0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 6, 0, 0, 0, 7, 3, 'a', 'b', 'c', 1, 'b', 'b'};
   struct row {
     const char* name;
     std::vector<source> sources;
@@ -264,8 +269,8 @@ TEST(FclexMerge, SourceOutOfOrderIsRefused) {
     EXPECT_STREQ(r.w.message, "terms out of order in st_fclex_merge_n");
   }
   // A short front-coded prefix in order is fine: "abc" after "abb".
-  merge_result ok = run_merge({{{"abb", "abd"}, 2}}, 4, 0,
-                              {{0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 6, 0, 0, 0, 7, 3, 'a', 'b', 'b', 1, 'b', 'c'}});
+  std::copy_n("abb\x01" "bc", 6, short_prefix.begin() + 17);
+  merge_result ok = run_merge({{{"abb", "abd"}, 2}}, 4, 0, {short_prefix});
   ASSERT_EQ(ok.rc, 0);
   EXPECT_EQ(ok.terms, (terms_t{"abb", "abc", "abd"}));
   EXPECT_EQ(ok.bmaps, (std::vector<bmap_t>{3, 2, 1}));
@@ -277,24 +282,12 @@ TEST(FclexMerge, SourceOutOfOrderIsRefused) {
 // damage (the upper half gives up and the lower one goes on through it).
 TEST(FclexMerge, SplitMergeMatchesOnePass) {
   std::mt19937 rng(99);
-  const uint32_t tperbs[] = {1, 2, 3, 8, 64};
   int faults = 0;
   for (int round = 0; round < 10; ++round) {
     SCOPED_TRACE(round);
     const size_t n = round == 0 ? 32 : 1 + rng() % 12;
-    terms_t pool = testutil::random_terms(rng, 300 + rng() % 1500, round % 3 == 0);
-    std::vector<source> sources;
-    for (size_t i = 0; i < n; ++i) {
-      source s;
-      s.tperb = tperbs[rng() % 5];
-      const uint32_t keep = 5 + rng() % 95;
-      for (const auto& t : pool) {
-        if (rng() % 100 < keep) s.terms.push_back(t);
-      }
-      if (s.terms.empty()) s.terms.push_back(pool[rng() % pool.size()]);
-      sources.push_back(std::move(s));
-    }
-    const uint32_t tperb = tperbs[rng() % 5];
+    const std::vector<source> sources = random_sources(rng, n, 300, round % 3 == 0, 5);
+    const uint32_t tperb = kTperbs[rng() % 5];
     const merge_result one = run_merge(sources, tperb, 0, {}, UINT64_MAX);
     const merge_result two = run_merge(sources, tperb, 0, {}, 1);
     ASSERT_EQ(one.rc, 0);
@@ -353,26 +346,11 @@ TEST(FclexMerge, SplitMergeNamesTheSourceOnePassNames) {
 }
 
 TEST(FclexMerge, VerboseMergePrintsTheWriterLine) {
-  TempDir dir;
-  int fd = open(dir.file("src").c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  uint64_t end = 0;
-  ASSERT_EQ(testutil::write_with_writer(fd, 0, {"a", "b", "c"}, 2, 0, &end), 0);
-  int fds[2] = {fd, fd};
-  uint64_t offsets[2] = {0, 0};
-  uint64_t ends[2] = {};
-  lex_writer writer{};
-  bmap_t* which = nullptr;
-  uint32_t merged = 0;
-  wrc w{};
   testing::internal::CaptureStdout();
-  ASSERT_EQ(st_fclex_merge_n(1, fds, offsets, 2, 2, 0, &writer, &merged, &which, ends, &w), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "creating writer, num_blocks=3, num_terms=6, page_sz=1048576.\n");
-  EXPECT_EQ(merged, 3u);
-  EXPECT_EQ(which[0], 3u);
-  _lex_writer_discard(&writer);
-  _bmap_free(which);
-  close(fd);
+  merge_result r = run_merge({{{"a", "b", "c"}, 2}, {{"a", "b", "c"}, 2}}, 2, 0, {}, 0, 1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "creating writer, num_blocks=3, num_terms=6, page_sz=1048576.\n");
+  ASSERT_EQ(r.rc, 0);
+  EXPECT_EQ(r.bmaps, (std::vector<bmap_t>{3, 3, 3}));
 }
 
 TEST(FclexMergeDeath, MoreThan32SourcesIsAnAssertion) {

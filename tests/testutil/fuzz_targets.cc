@@ -1,16 +1,17 @@
 #include "testutil/fuzz_targets.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -45,20 +46,8 @@ using tarnix::wrc;
 // ---- Files --------------------------------------------------------------------
 
 void remove_all(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;
-  if (S_ISDIR(st.st_mode)) {
-    if (DIR* d = opendir(path.c_str())) {
-      while (dirent* e = readdir(d)) {
-        std::string n = e->d_name;
-        if (n != "." && n != "..") remove_all(path + "/" + n);
-      }
-      closedir(d);
-    }
-    rmdir(path.c_str());
-  } else {
-    unlink(path.c_str());
-  }
+  std::error_code ec;
+  std::filesystem::remove_all(path, ec);
 }
 
 std::string& temp_root() {
@@ -70,36 +59,18 @@ void remove_temp_root() {
   if (!temp_root().empty()) remove_all(temp_root());
 }
 
+// A new file (never the old one: a mapping of it may still be open).
 bool write_bytes(const std::string& path, const uint8_t* data, size_t size) {
   unlink(path.c_str());
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return false;
-  while (size > 0) {
-    ssize_t n = write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      close(fd);
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return close(fd) == 0;
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  out.close();
+  return !out.fail();
 }
 
 std::vector<uint8_t> slurp(const std::string& path) {
-  std::vector<uint8_t> out;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return out;
-  uint8_t buf[65536];
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    out.insert(out.end(), buf, buf + n);
-  }
-  close(fd);
-  return out;
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 std::string make_subdir(const std::string& name) {
@@ -316,13 +287,11 @@ std::vector<std::string> write_bucket(const std::string& dir, const std::vector<
   }
   (void)tarnix::st_tsidx_close(t);
   std::vector<std::string> out;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      int32_t lo = 0, hi = 0;
-      uint64_t id = 0;
-      if (tarnix::st_tsidx_file_parse(e->d_name, &lo, &hi, &id)) out.push_back(dir + "/" + e->d_name);
-    }
-    closedir(d);
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
+    int32_t lo = 0, hi = 0;
+    uint64_t id = 0;
+    if (tarnix::st_tsidx_file_parse(e.path().filename().c_str(), &lo, &hi, &id)) out.push_back(e.path().string());
   }
   std::sort(out.begin(), out.end());
   return out;
