@@ -219,9 +219,12 @@ TEST(TarnixCheck, BucketReportListsStateAndPredictsTheNextPass) {
     testutil::write_file(d.file(empty), {});
   r = check({d.path()});
   EXPECT_EQ(r.status, 0) << r.out;
-  const std::string wants[] = {"next pass: 0 of 7 candidate files",          names[0] + ".lock: age ",
-                               "owner pid 42 on host host",                  "intermediate: 1:2:3-4:5:6-7.merge: 3 bytes",
-                               "unfinished flush: 5-4-3.pre-tsidx",          "part file: 5-4-3.0.9.part-tsidx",
+  const std::string wants[] = {"next pass: 0 of 7 candidate files",
+                               names[0] + ".lock: age ",
+                               "owner pid 42 on host host",
+                               "intermediate: 1:2:3-4:5:6-7.merge: 3 bytes",
+                               "unfinished flush: 5-4-3.pre-tsidx",
+                               "part file: 5-4-3.0.9.part-tsidx",
                                "tarnix-need-optimize.dat present"};
   for (const std::string& want : wants)
     EXPECT_NE(r.out.find(want), std::string::npos) << want << "\n" << r.out;
@@ -277,7 +280,8 @@ TEST(TarnixCheck, NextPassFollowsTheSizeRules) {
 // merge, and the bucket after an optimize run all check clean.
 TEST(TarnixCheck, GeneratedBucketAnd32WayMergeAreSound) {
   TempDir d;
-  auto g = testutil::run_bin("tarnix-index", {"-d", d.path(), "--generate", "6000", "--seed", "7", "--max-values", "150"});
+  auto g =
+      testutil::run_bin("tarnix-index", {"-d", d.path(), "--generate", "6000", "--seed", "7", "--max-values", "150"});
   ASSERT_EQ(g.status, 0) << g.err;
   std::vector<std::string> files;
   for (const auto& n : testutil::names_ending(d.path(), ".tsidx")) files.push_back(d.file(n));

@@ -47,7 +47,8 @@ TEST_F(TarnixDump, HeaderShowsFieldsAndSections) {
   for (const auto& args : {std::vector<std::string>{path_}, std::vector<std::string>{path_, "--header"}}) {
     auto r = dump(args);
     ASSERT_EQ(r.status, 0) << r.err;
-    const std::string wants[] = {"magic         Tarnix6\n", "num_values    6\n", "num_postings  16\n", "num_terms     7\n",
+    const std::string wants[] = {"magic         Tarnix6\n",     "num_values    6\n",
+                                 "num_postings  16\n",          "num_terms     7\n",
                                  "lexicon       7 terms, 4 per block, 2 blocks", metadata, postings};
     for (const std::string& want : wants) EXPECT_NE(r.out.find(want), std::string::npos) << want << "\n" << r.out;
   }

@@ -248,7 +248,8 @@ TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
   EXPECT_TRUE(testutil::pattern_match(
       r.err, "tarnix-index: line {N}: writing an index file into " + small.path() + " failed: WS_EWRITE{*}\n"))
       << r.err;
-  for (const std::string& name : testutil::list_dir(small.path())) EXPECT_EQ(name.find(".tsidx"), std::string::npos) << name;
+  for (const std::string& name : testutil::list_dir(small.path()))
+    EXPECT_EQ(name.find(".tsidx"), std::string::npos) << name;
 }
 
 TEST(TarnixIndex, UsageErrors) {

@@ -126,7 +126,8 @@ TEST(TarnixLex, MergeFilterAndList) {
   EXPECT_EQ(parse_list(r.out), want);
   r = lex({"--list", copy});
   term_counts as_big_endian;
-  for (const auto& [t, c] : want) as_big_endian[t] = std::endian::native == std::endian::little ? __builtin_bswap32(c) : c;
+  const bool little = std::endian::native == std::endian::little;
+  for (const auto& [t, c] : want) as_big_endian[t] = little ? __builtin_bswap32(c) : c;
   EXPECT_EQ(parse_list(r.out), as_big_endian);
 
   // Neither output is ever replaced.
@@ -176,8 +177,8 @@ TEST(TarnixLex, DirectoryOutcomes) {
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "tarnix-lex: fewer than 2 index files in " + one.path() + ", nothing merged\n");
-  EXPECT_EQ(testutil::read_text(one.file("optimize.result")).rfind("tarnix-optimize-lex complete with rc=-30 wrc=[-30,", 0),
-            0u);
+  const std::string result = testutil::read_text(one.file("optimize.result"));
+  EXPECT_EQ(result.rfind("tarnix-optimize-lex complete with rc=-30 wrc=[-30,", 0), 0u) << result;
   EXPECT_FALSE(exists(one.file("merged_lexicon.lex")));
 
   // Filtering without a merged lexicon.
