@@ -14,12 +14,10 @@ namespace testutil {
 
 namespace {
 
-struct TermList {
-  std::vector<std::pair<uint32_t, std::string>> terms;
-};
+using term_list = std::vector<std::pair<uint32_t, std::string>>;
 
 uint32_t collect_term(uint32_t term_id, const char* term, uint32_t len, void* cookie) {
-  static_cast<TermList*>(cookie)->terms.emplace_back(term_id, std::string(term, len));
+  static_cast<term_list*>(cookie)->emplace_back(term_id, std::string(term, len));
   return 0;
 }
 
@@ -54,14 +52,14 @@ IndexContent read_index_file(const std::string& path) {
   }
   tarnix::_tsval_reader_close(&vr);
 
-  TermList tl;
-  if (c.problem.empty()) tarnix::st_fclex_apply(w->lex, nullptr, collect_term, &tl, nullptr);
-  if (tl.terms.size() != tarnix::st_warm_slice_terms(w) && c.problem.empty()) {
-    c.problem = "lexicon holds " + std::to_string(tl.terms.size()) + " terms";
+  term_list terms;
+  if (c.problem.empty()) tarnix::st_fclex_apply(w->lex, nullptr, collect_term, &terms, nullptr);
+  if (terms.size() != tarnix::st_warm_slice_terms(w) && c.problem.empty()) {
+    c.problem = "lexicon holds " + std::to_string(terms.size()) + " terms";
   }
   auto pr = std::make_unique<tarnix::plist_reader>();
   if (c.problem.empty() && tarnix::_init_reader(pr.get(), w, 4096, nullptr) != 0) c.problem = "plist reader";
-  for (const auto& [id, term] : tl.terms) {
+  for (const auto& [id, term] : terms) {
     if (!c.problem.empty()) break;
     std::vector<uint32_t> ids;
     if (tarnix::_seek_reader(pr.get(), id) != 0) {

@@ -118,9 +118,6 @@ uint32_t total_length(const std::vector<std::string>& terms) {
   return n;
 }
 
-}  // namespace testutil
-
-namespace testutil {
 std::string re_escape(const std::string& text) {
   std::string out;
   for (char c : text) {

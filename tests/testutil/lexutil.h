@@ -34,9 +34,7 @@ int read_with_reader(int fd, uint64_t offset, std::vector<std::string>* terms);
 // Sum of term lengths (the block writer's uncompressed size).
 uint32_t total_length(const std::vector<std::string>& terms);
 
-}  // namespace testutil
-
-namespace testutil {
 // The text escaped for a death-test regular expression (matches it literally).
 std::string re_escape(const std::string& text);
+
 }  // namespace testutil

@@ -1,12 +1,10 @@
 #include "testutil/optimize_bucket.h"
 
 #include <algorithm>
-#include <cstring>
 #include <random>
 
-#include "searchthing/fclex.h"
 #include "searchthing/tsidx.h"
-#include "searchthing/warmslice.h"
+#include "testutil/bucket_reader.h"
 #include "testutil/testutil.h"
 
 namespace testutil {
@@ -52,59 +50,12 @@ std::vector<event> make_events(uint32_t seed, uint32_t values, uint32_t first_ad
   return events;
 }
 
-namespace {
-
-struct term_list {
-  std::vector<std::pair<uint32_t, std::string>> terms;
-};
-
-uint32_t collect_term(uint32_t term_id, const char* term, uint32_t len, void* cookie) {
-  static_cast<term_list*>(cookie)->terms.emplace_back(term_id, std::string(term, len));
-  return 1;
-}
-
-}  // namespace
-
 bool read_postings(const std::string& path, std::vector<posting>* out) {
-  tarnix::wrc w{};
-  tarnix::warm* h = tarnix::st_warm_slice_open(path.c_str(), 0, &w);
-  if (h == nullptr) return false;
-  bool ok = true;
-  tarnix::tsval_reader values;
-  if (tarnix::_tsval_reader_open(&values, h, 0, nullptr) != 0) {
-    tarnix::st_warm_slice_close(h);
-    return false;
-  }
-  term_list terms;
-  tarnix::st_fclex_apply(h->lex, nullptr, collect_term, &terms, nullptr);
-  if (terms.terms.size() != tarnix::st_warm_slice_terms(h)) ok = false;
-  for (const auto& [term_id, term] : terms.terms) {
-    tarnix::plist_reader r;
-    if (tarnix::_init_reader(&r, h, 1024, nullptr) != 0) {
-      ok = false;
-      break;
-    }
-    if (tarnix::_seek_reader(&r, term_id) != 0) ok = false;
-    uint32_t id = 0;
-    while (ok) {
-      if (tarnix::_next(&r, &id) != 0) {
-        ok = false;
-        break;
-      }
-      if (id == tarnix::END_OF_LIST) break;
-      tarnix::tsval v;
-      if (tarnix::_tsval_reader_decode(&values, id, &v) != 0) {
-        ok = false;
-        break;
-      }
-      out->emplace_back(term, v.timestamp, v.event_address);
-    }
-    tarnix::close_plist_reader(&r);
-  }
-  tarnix::_tsval_reader_close(&values);
-  tarnix::st_warm_slice_close(h);
+  const IndexContent c = read_index_file(path);
+  for (const auto& [term, ids] : c.postings)
+    for (uint32_t id : ids) out->emplace_back(term, c.values[id].timestamp, c.values[id].event_address);
   std::sort(out->begin(), out->end());
-  return ok;
+  return c.rc == 0 && c.problem.empty();
 }
 
 std::vector<std::string> tsidx_names(const std::string& dir) {

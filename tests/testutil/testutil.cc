@@ -1,6 +1,5 @@
 #include "testutil/testutil.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,7 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -31,20 +30,8 @@ TempDir::TempDir() {
 TempDir::~TempDir() { remove_tree(path_); }
 
 void remove_tree(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;
-  if (S_ISDIR(st.st_mode)) {
-    if (DIR* d = opendir(path.c_str())) {
-      while (dirent* e = readdir(d)) {
-        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
-        remove_tree(path + "/" + e->d_name);
-      }
-      closedir(d);
-    }
-    rmdir(path.c_str());
-  } else {
-    unlink(path.c_str());
-  }
+  std::error_code ec;
+  std::filesystem::remove_all(path, ec);
 }
 
 std::vector<uint8_t> read_file(const std::string& path) {
@@ -59,13 +46,8 @@ void write_file(const std::string& path, const std::vector<uint8_t>& bytes) {
 
 std::vector<std::string> list_dir(const std::string& path) {
   std::vector<std::string> names;
-  if (DIR* d = opendir(path.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
-      names.emplace_back(e->d_name);
-    }
-    closedir(d);
-  }
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(path, ec)) names.push_back(e.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -153,9 +135,8 @@ bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 std::vector<std::string> names_ending(const std::string& dir, const std::string& suffix) {
   std::vector<std::string> out;
-  for (auto& n : list_dir(dir)) {
+  for (auto& n : list_dir(dir))
     if (n.ends_with(suffix)) out.push_back(n);
-  }
   return out;
 }
 

@@ -278,6 +278,21 @@ std::vector<uint8_t> build_index_file(const ModelFile& m) {
   return f;
 }
 
+std::vector<uint8_t> build_lexicon_file(const std::vector<std::string>& terms, const std::vector<uint32_t>& counts,
+                                        uint32_t tperb) {
+  bytes f(64, 0);
+  memcpy(f.data(), "TarLex1", 8);
+  put32(f, 16, static_cast<uint32_t>(terms.size()));
+  const Offsets o = offsets_from(f);
+  f.resize(o.fclex, 0);
+  for (size_t t = 0; t < counts.size(); ++t) put32(f, o.meta + 4 * t, counts[t]);
+  uint32_t term_bytes = 0;
+  for (const std::string& t : terms) term_bytes += static_cast<uint32_t>(t.size()) + 1;
+  const bytes lex = encode_lexicon(terms, tperb, term_bytes);
+  f.insert(f.end(), lex.begin(), lex.end());
+  return f;
+}
+
 ModelLayout layout_of(const std::vector<uint8_t>& b) {
   const Offsets o = offsets_from(b);
   std::string err;

@@ -56,6 +56,9 @@ void fill_metadata(ModelFile& m);
 // The file's bytes; the lexicon's uncompressed size counts each term's NUL,
 // as the index file writer does.
 std::vector<uint8_t> build_index_file(const ModelFile& m);
+// A lexicon-only ("TarLex1") file: header, one count per term, lexicon.
+std::vector<uint8_t> build_lexicon_file(const std::vector<std::string>& terms, const std::vector<uint32_t>& counts,
+                                        uint32_t tperb);
 // Parses any version; "error" is set (and the result partial) on bad bytes.
 ModelFile parse_index_file(const std::vector<uint8_t>& bytes, std::string* error);
 

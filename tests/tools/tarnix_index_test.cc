@@ -11,6 +11,7 @@
 #include "testutil/bucket_reader.h"
 #include "testutil/optimize_bucket.h"
 #include "testutil/testutil.h"
+#include "testutil/warmfile.h"
 
 using testutil::RunResult;
 using testutil::TempDir;
@@ -37,31 +38,16 @@ RunResult emit(int n, int seed, bool streaming = false) {
 testutil::EventIndex parse_events(const std::string& text) {
   testutil::EventIndex idx;
   std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) {
+  for (std::string line; std::getline(in, line);) {
     std::istringstream fields(line);
-    std::string f[7];
-    for (int i = 0; i < 6; ++i) std::getline(fields, f[i], '\t');
-    std::getline(fields, f[6]);
     tarnix::tsval v{};
-    v.timestamp = std::stoi(f[0]);
-    v.event_address = static_cast<uint32_t>(std::stoul(f[1]));
-    v.event_type = static_cast<uint32_t>(std::stoul(f[2]));
-    v.source = static_cast<uint32_t>(std::stoul(f[3]));
-    v.source_type = static_cast<uint32_t>(std::stoul(f[4]));
-    v.host = static_cast<uint32_t>(std::stoul(f[5]));
+    fields >> v.timestamp >> v.event_address >> v.event_type >> v.source >> v.source_type >> v.host;
     idx.events[v.event_address] = v;
-    std::istringstream terms(f[6]);
-    std::string term;
-    while (std::getline(terms, term, ' ')) idx.term_addresses[term].push_back(v.event_address);
+    fields.get();  // the tab before the terms
+    for (std::string term; std::getline(fields, term, ' ');) idx.term_addresses[term].push_back(v.event_address);
   }
   testutil::normalise(&idx);
   return idx;
-}
-
-bool same_event(const tarnix::tsval& a, const tarnix::tsval& b) {
-  return a.timestamp == b.timestamp && a.event_address == b.event_address && a.event_type == b.event_type &&
-         a.source == b.source && a.source_type == b.source_type && a.host == b.host;
 }
 
 // The bucket holds exactly the events, each once, and every term's postings.
@@ -75,7 +61,7 @@ void expect_bucket_holds(const std::string& dir, const testutil::EventIndex& exp
   size_t differing = 0;
   for (const auto& [addr, v] : expected.events) {
     auto it = b.index.events.find(addr);
-    if (it == b.index.events.end() || !same_event(it->second, v)) ++differing;
+    if (it == b.index.events.end() || testutil::model_value(it->second) != testutil::model_value(v)) ++differing;
   }
   EXPECT_EQ(differing, 0u);
   EXPECT_EQ(b.index.term_addresses.size(), expected.term_addresses.size());
@@ -178,63 +164,56 @@ TEST(TarnixIndex, TokensSetTheTermsOfAnEvent) {
   }
 }
 
-struct BadInput {
-  const char* what;
-  std::vector<std::string> extra_args;
-  std::string input;
-  int line;
-  const char* message;
-  size_t events_kept;   // flushed before the bad line (with --max-values 1)
-};
-
-class TarnixIndexBadInput : public ::testing::TestWithParam<BadInput> {};
-
-TEST_P(TarnixIndexBadInput, OneLineErrorWithTheLineNumber) {
-  const BadInput& c = GetParam();
-  TempDir d;
-  std::vector<std::string> args = {"-d", d.path(), "--max-values", "1"};
-  args.insert(args.end(), c.extra_args.begin(), c.extra_args.end());
-  RunResult r = run_index(args, c.input);
-  EXPECT_EQ(r.status, 1) << r.err;
-  std::string prefix = "tarnix-index: line " + std::to_string(c.line) + ": ";
-  EXPECT_EQ(r.err.rfind(prefix, 0), 0u) << r.err;
-  EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
-  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-  testutil::BucketContent b = testutil::read_bucket(d.path());
-  EXPECT_TRUE(b.problems.empty());
-  EXPECT_EQ(b.index.events.size(), c.events_kept);
-}
-
 const std::string OK1 = "100\t1\t2\t3\t4\t5\talpha beta\n";
 const std::string OK2 = "101\t2\t2\t3\t4\t5\tgamma\n";
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, TarnixIndexBadInput,
-    ::testing::Values(
-        BadInput{"too few fields", {}, OK1 + "100\t1\t2\n", 2, "expected 7 tab-separated fields", 1},
-        BadInput{"words only", {}, "hello world\n", 1, "found 1", 0},
-        BadInput{"timestamp too large", {}, OK1 + OK2 + "2147483648\t3\t0\t0\t0\t0\tx\n", 3, "timestamp", 2},
-        BadInput{"timestamp too small", {}, "-2147483649\t3\t0\t0\t0\t0\tx\n", 1, "timestamp", 0},
-        BadInput{"timestamp not a number", {}, "12a\t3\t0\t0\t0\t0\tx\n", 1, "timestamp", 0},
-        BadInput{"address too large", {}, OK1 + "1\t4294967296\t0\t0\t0\t0\tx\n", 2, "event_address", 1},
-        BadInput{"host negative", {}, "1\t1\t0\t0\t0\t-1\tx\n", 1, "host", 0},
-        BadInput{"deleted source", {}, OK1 + "1\t9\t0\t4294967295\t0\t0\tx\n", 2, "deleted", 1},
-        // An attribute needs at most 31 bits: a wider one would read back as 0.
-        BadInput{"host of 32 bits", {}, OK1 + "1\t9\t0\t0\t0\t2147483648\tx\n", 2,
-                 "host \"2147483648\" is above 2147483647", 1},
-        BadInput{"source of 32 bits", {}, OK1 + "1\t9\t0\t4294967294\t0\t0\tx\n", 2,
-                 "source \"4294967294\" is above 2147483647", 1},
-        BadInput{"NUL in a term", {}, OK1 + OK2 + std::string("1\t9\t0\t0\t0\t0\tab\0c\n", 17), 3, "NUL", 2},
-        BadInput{"double space", {}, OK1 + "1\t9\t0\t0\t0\t0\ta  b\n", 2, "empty term 2", 1},
-        BadInput{"trailing space", {}, "1\t9\t0\t0\t0\t0\ta \n", 1, "empty term 2", 0},
-        BadInput{"no terms", {}, OK1 + "1\t9\t0\t0\t0\t0\t\n", 2, "no terms", 1},
-        BadInput{"eight fields", {}, "1\t9\t0\t0\t0\t0\ta\tb\n", 1, "tab", 0},
-        BadInput{"empty line", {}, OK1 + "\n", 2, "found 1", 1},
-        BadInput{"streaming, earlier time", {"--streaming"}, OK1 + OK2 + "99\t7\t0\t0\t0\t0\tx\n", 3,
-                 "out of time order", 2},
-        BadInput{"streaming, same time, lower address", {"--streaming"}, OK1 + "100\t0\t0\t0\t0\t0\tx\n", 2,
-                 "out of time order", 1},
-        BadInput{"streaming, repeated event", {"--streaming"}, OK1 + OK1, 2, "out of time order", 1}));
+TEST(TarnixIndex, BadInputIsAOneLineErrorWithTheLineNumber) {
+  const struct {
+    const char* what;
+    std::vector<std::string> extra_args;
+    std::string input;
+    int line;
+    const char* message;
+    size_t events_kept;  // flushed before the bad line (with --max-values 1)
+  } cases[] = {
+      {"too few fields", {}, OK1 + "100\t1\t2\n", 2, "expected 7 tab-separated fields", 1},
+      {"words only", {}, "hello world\n", 1, "found 1", 0},
+      {"timestamp too large", {}, OK1 + OK2 + "2147483648\t3\t0\t0\t0\t0\tx\n", 3, "timestamp", 2},
+      {"timestamp too small", {}, "-2147483649\t3\t0\t0\t0\t0\tx\n", 1, "timestamp", 0},
+      {"timestamp not a number", {}, "12a\t3\t0\t0\t0\t0\tx\n", 1, "timestamp", 0},
+      {"address too large", {}, OK1 + "1\t4294967296\t0\t0\t0\t0\tx\n", 2, "event_address", 1},
+      {"host negative", {}, "1\t1\t0\t0\t0\t-1\tx\n", 1, "host", 0},
+      {"deleted source", {}, OK1 + "1\t9\t0\t4294967295\t0\t0\tx\n", 2, "deleted", 1},
+      // An attribute needs at most 31 bits: a wider one would read back as 0.
+      {"host of 32 bits", {}, OK1 + "1\t9\t0\t0\t0\t2147483648\tx\n", 2, "host \"2147483648\" is above 2147483647", 1},
+      {"source of 32 bits", {}, OK1 + "1\t9\t0\t4294967294\t0\t0\tx\n", 2,
+       "source \"4294967294\" is above 2147483647", 1},
+      {"NUL in a term", {}, OK1 + OK2 + std::string("1\t9\t0\t0\t0\t0\tab\0c\n", 17), 3, "NUL", 2},
+      {"double space", {}, OK1 + "1\t9\t0\t0\t0\t0\ta  b\n", 2, "empty term 2", 1},
+      {"trailing space", {}, "1\t9\t0\t0\t0\t0\ta \n", 1, "empty term 2", 0},
+      {"no terms", {}, OK1 + "1\t9\t0\t0\t0\t0\t\n", 2, "no terms", 1},
+      {"eight fields", {}, "1\t9\t0\t0\t0\t0\ta\tb\n", 1, "tab", 0},
+      {"empty line", {}, OK1 + "\n", 2, "found 1", 1},
+      {"streaming, earlier time", {"--streaming"}, OK1 + OK2 + "99\t7\t0\t0\t0\t0\tx\n", 3, "out of time order", 2},
+      {"streaming, same time, lower address", {"--streaming"}, OK1 + "100\t0\t0\t0\t0\t0\tx\n", 2,
+       "out of time order", 1},
+      {"streaming, repeated event", {"--streaming"}, OK1 + OK1, 2, "out of time order", 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir d;
+    std::vector<std::string> args = {"-d", d.path(), "--max-values", "1"};
+    args.insert(args.end(), c.extra_args.begin(), c.extra_args.end());
+    RunResult r = run_index(args, c.input);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_EQ(r.err.rfind("tarnix-index: line " + std::to_string(c.line) + ": ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    testutil::BucketContent b = testutil::read_bucket(d.path());
+    EXPECT_TRUE(b.problems.empty());
+    EXPECT_EQ(b.index.events.size(), c.events_kept);
+  }
+}
 
 TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
   // Nobody, root included, creates files in /proc.
@@ -245,16 +224,20 @@ TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
 
   TempDir d;
-  r = run_index({"-d", d.file("missing"), "-q"}, OK1);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("missing"), std::string::npos);
   testutil::write_file(d.file("plain"), {});
-  r = run_index({"-d", d.file("plain")}, OK1);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("not a directory"), std::string::npos);
-  r = run_index({"-d", d.path(), d.file("no-such-input")});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("cannot open"), std::string::npos);
+  const struct {
+    std::vector<std::string> args;
+    const char* message;
+  } cases[] = {
+      {{"-d", d.file("missing"), "-q"}, "missing"},
+      {{"-d", d.file("plain")}, "not a directory"},
+      {{"-d", d.path(), d.file("no-such-input")}, "cannot open"},
+  };
+  for (const auto& c : cases) {
+    r = run_index(c.args, OK1);
+    EXPECT_EQ(r.status, 1) << c.message;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  }
 
   // Files may not grow past 20 KiB: the flush's write fails, and no part of
   // an index file is left under any name.
@@ -265,9 +248,8 @@ TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
   EXPECT_TRUE(testutil::pattern_match(
       r.err, "tarnix-index: line {N}: writing an index file into " + small.path() + " failed: WS_EWRITE{*}\n"))
       << r.err;
-  for (const std::string& name : testutil::list_dir(small.path())) {
+  for (const std::string& name : testutil::list_dir(small.path()))
     EXPECT_EQ(name.find(".tsidx"), std::string::npos) << name;
-  }
 }
 
 TEST(TarnixIndex, UsageErrors) {

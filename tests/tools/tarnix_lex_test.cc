@@ -2,9 +2,9 @@
 // filtered lexicons, --list of both (big-endian and native counts), the
 // refusal of a minimum count that keeps nothing, exit statuses and usage
 // errors.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
@@ -13,18 +13,19 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "testutil/bucket_reader.h"
 #include "testutil/optimize_bucket.h"
 #include "testutil/testutil.h"
 
+using testutil::exists;
 using testutil::RunResult;
 using testutil::TempDir;
 
 namespace {
 
 using term_counts = std::map<std::string, uint32_t>;
-
-using testutil::exists;
 
 RunResult lex(const std::vector<std::string>& args) { return testutil::run_bin("tarnix-lex", args); }
 
@@ -49,13 +50,12 @@ term_counts expected_union(const TempDir& dir) {
 term_counts parse_list(const std::string& text) {
   term_counts m;
   std::istringstream in(text);
-  std::string line;
   std::string prev;
-  while (std::getline(in, line)) {
-    size_t tab = line.rfind('\t');
+  for (std::string line; std::getline(in, line);) {
+    const size_t tab = line.rfind('\t');
     EXPECT_NE(tab, std::string::npos) << line;
     if (tab == std::string::npos) continue;
-    std::string term = line.substr(0, tab);
+    const std::string term = line.substr(0, tab);
     EXPECT_LT(prev, term);
     prev = term;
     m[term] = static_cast<uint32_t>(std::stoul(line.substr(tab + 1)));
@@ -65,14 +65,15 @@ term_counts parse_list(const std::string& text) {
 
 term_counts at_least(const term_counts& all, uint32_t min_count) {
   term_counts m;
-  for (const auto& [t, c] : all) {
+  for (const auto& [t, c] : all)
     if (c >= min_count) m[t] = c;
-  }
   return m;
 }
 
-uint32_t bswap(uint32_t v) {
-  return (v >> 24) | ((v >> 8) & 0xFF00u) | ((v << 8) & 0xFF0000u) | (v << 24);
+uint32_t highest(const term_counts& all) {
+  uint32_t top = 0;
+  for (const auto& [t, c] : all) top = std::max(top, c);
+  return top;
 }
 
 TEST(TarnixLex, MergeFilterAndList) {
@@ -97,9 +98,8 @@ TEST(TarnixLex, MergeFilterAndList) {
   // A prefix selects a contiguous part of the list.
   const std::string prefix = all.begin()->first.substr(0, 1);
   term_counts with_prefix;
-  for (const auto& [t, c] : all) {
+  for (const auto& [t, c] : all)
     if (t.rfind(prefix, 0) == 0) with_prefix[t] = c;
-  }
   r = lex({"--list", merged, "--prefix", prefix});
   ASSERT_EQ(r.status, 0);
   EXPECT_EQ(parse_list(r.out), with_prefix);
@@ -107,9 +107,7 @@ TEST(TarnixLex, MergeFilterAndList) {
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "");
 
-  uint32_t top = 0;
-  for (const auto& [t, c] : all) top = std::max(top, c);
-  const uint32_t min_count = top / 2 + 1;
+  const uint32_t min_count = highest(all) / 2 + 1;
   const term_counts want = at_least(all, min_count);
   ASSERT_FALSE(want.empty());
   ASSERT_LT(want.size(), all.size());
@@ -128,7 +126,8 @@ TEST(TarnixLex, MergeFilterAndList) {
   EXPECT_EQ(parse_list(r.out), want);
   r = lex({"--list", copy});
   term_counts as_big_endian;
-  for (const auto& [t, c] : want) as_big_endian[t] = std::endian::native == std::endian::little ? bswap(c) : c;
+  const bool little = std::endian::native == std::endian::little;
+  for (const auto& [t, c] : want) as_big_endian[t] = little ? __builtin_bswap32(c) : c;
   EXPECT_EQ(parse_list(r.out), as_big_endian);
 
   // Neither output is ever replaced.
@@ -156,8 +155,7 @@ TEST(TarnixLex, FilterThatKeepsNothingIsRefused) {
   TempDir dir;
   make_bucket(dir, 120, 3);
   ASSERT_EQ(lex({"-d", dir.path()}).status, 0);
-  uint32_t top = 0;
-  for (const auto& [t, c] : expected_union(dir)) top = std::max(top, c);
+  const uint32_t top = highest(expected_union(dir));
   RunResult r = lex({"-d", dir.path(), "--filter", std::to_string(top + 1)});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tarnix-lex: no term of " + dir.file("merged_lexicon.lex") + " has a count of at least " +
@@ -179,8 +177,8 @@ TEST(TarnixLex, DirectoryOutcomes) {
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "tarnix-lex: fewer than 2 index files in " + one.path() + ", nothing merged\n");
-  EXPECT_EQ(testutil::read_text(one.file("optimize.result")).rfind("tarnix-optimize-lex complete with rc=-30 wrc=[-30,", 0),
-            0u);
+  const std::string result = testutil::read_text(one.file("optimize.result"));
+  EXPECT_EQ(result.rfind("tarnix-optimize-lex complete with rc=-30 wrc=[-30,", 0), 0u) << result;
   EXPECT_FALSE(exists(one.file("merged_lexicon.lex")));
 
   // Filtering without a merged lexicon.
