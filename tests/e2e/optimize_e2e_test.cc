@@ -372,6 +372,10 @@ TEST(OptimizeRun, FailedCallsEndThePassCleanly) {
        "source_3="},
       {"the directory lock fails after the merge", "TARNIX_FAIL_OPEN=" + dir_lock + ":1:0:13", 256 - 29, true,
        "(rc=-29 errno=13)"},
+      {"the third source cannot be opened", "TARNIX_FAIL_OPEN=.tsidx:2:1:13", 256 - 4, false,
+       "(rc=-4 errno=13)"},
+      {"the intermediate cannot be created", "TARNIX_FAIL_OPEN=.merge:0:1:13", 256 - 4, false,
+       "(rc=-4 errno=13)"},
       {"a source is locked by somebody for a moment", "TARNIX_FAIL_OPEN=.tsidx.lock:2:1:17", 0, false,
        "optimize finished: files merged successfully"},
   };
