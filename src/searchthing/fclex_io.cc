@@ -611,9 +611,6 @@ uint32_t _find_smallest_term(lex_merge_cxt* cxts, uint32_t n, uint32_t* smallest
 
 namespace {
 
-// A section whose header holds no terms contributes nothing; it is 12 bytes.
-constexpr uint64_t EMPTY_SECTION_SZ = FCLEX_HEADER_SZ;
-
 bool exhausted(const lex_merge_cxt& c) noexcept { return c._cursor >= c._reader._bor._nterms; }
 
 // The merge is a tournament (loser) tree over the cursors that keeps, with
@@ -992,15 +989,14 @@ int append_upper(upper_lexicon* up, lex_writer* writer, bmap_t* which, wrc* w) n
 // middle term of the source with the most terms; split[i] receives source
 // i's first term at or above it. False when the merge is not split.
 bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offsets, uint32_t n,
-                         const bool* empty, lex_merge_cxt* lower, uint32_t* split) noexcept {
+                         lex_merge_cxt* lower, uint32_t* split) noexcept {
   uint32_t largest = 0;
   uint64_t all = 0;
   for (uint32_t i = 0; i < n; ++i) {
-    if (empty[i]) continue;
     all += lower[i]._reader._bor._nterms;
-    if (lower[i]._reader._bor._nterms > lower[largest]._reader._bor._nterms || empty[largest]) largest = i;
+    if (lower[i]._reader._bor._nterms > lower[largest]._reader._bor._nterms) largest = i;
   }
-  if (all == 0 || empty[largest]) return false;
+  if (all == 0) return false;
   up->n = n;
   up->cxts.reset(new (std::nothrow) lex_merge_cxt[n]());
   if (!up->cxts) return false;
@@ -1011,10 +1007,6 @@ bool place_upper_lexicon(upper_lexicon* up, const int* fds, const uint64_t* offs
     const uint32_t i = k == 0 ? largest : k - 1;
     if (k > 0 && i == largest) continue;
     lex_merge_cxt* c = &up->cxts[i];
-    if (empty[i]) {
-      split[i] = 0;
-      continue;
-    }
     if (_lex_reader_open(&c->_reader, fds[i], offsets[i]) != 0) return false;
     const uint32_t terms = c->_reader._bor._nterms;
     if (k == 0) {
@@ -1046,7 +1038,8 @@ int st_fclex_merge_n(int verbose, const int* fds, const uint64_t* offsets, uint3
 int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz, uint32_t tperb,
                          uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms, bmap_t** which_srcs_o,
                          uint64_t* src_end_offsets, wrc* w, uint64_t min_split_terms,
-                         const lex_upper_hook* hook, uint32_t* lower_terms_o) noexcept {
+                         const lex_upper_hook* hook, uint32_t* lower_terms_o,
+                         const uint32_t* header_terms) noexcept {
   if (lower_terms_o != nullptr) *lower_terms_o = 0;
   ST_ASSERT_TEXT(src_sz <= _bmap_size_bits(bmap_t{}),
                  "src_sz <= _bmap_size_bits( *which_srcs_o )");
@@ -1057,7 +1050,6 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
 
   std::unique_ptr<lex_merge_cxt[]> cxts(new (std::nothrow) lex_merge_cxt[src_sz == 0 ? 1 : src_sz]());
   if (!cxts) return _set_rc(w, WS_ENOMEM);
-  bool empty[32] = {};  // src_sz is at most 32
   struct close_all {
     lex_merge_cxt* c;
     uint32_t n;
@@ -1071,13 +1063,13 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
   uint64_t total = 0;
   for (uint32_t i = 0; i < src_sz; ++i) {
     int rc = _lex_reader_open(&cxts[i]._reader, fds[i], offsets[i]);
-    if (rc == WS_EEMPTYLEX && cxts[i]._reader._bor._nterms == 0) {
-      // A source without terms is merged as an exhausted cursor, so that a
-      // file whose lexicon is empty does not stop the merge of its partners.
-      empty[i] = true;
-      continue;
-    }
     if (rc != 0) return _set_rc_verbose(w, rc, static_cast<int>(i), "_lex_reader_open in st_fclex_merge_n");
+    // A lexicon that holds fewer terms than its file says would leave the
+    // postings of the missing terms behind unnoticed.
+    if (header_terms != nullptr && cxts[i]._reader._bor._nterms != header_terms[i]) {
+      return _set_rc_verbose(w, WS_EDATA, static_cast<int>(i),
+                             "lexicon term count differs from the header in st_fclex_merge_n");
+    }
     total += cxts[i]._reader._bor._nterms;
     rc = _reload_term(&cxts[i]);
     if (rc != 0) return _set_rc_verbose(w, rc, static_cast<int>(i), "_reload_term in st_fclex_merge_n");
@@ -1098,7 +1090,7 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
     upper_lexicon up;
     uint32_t split[32];
     std::thread upper_thread;
-    if (total >= min_split_terms && place_upper_lexicon(&up, fds, offsets, src_sz, empty, cxts.get(), split)) {
+    if (total >= min_split_terms && place_upper_lexicon(&up, fds, offsets, src_sz, cxts.get(), split)) {
       (void)start_worker(&upper_thread, [&up, &split, hook] {
         up.rc = merge_loop(up.cxts.get(), up.n, &up.terms, up.which, &up.w, nullptr, false);
         if (up.rc == 0 && hook != nullptr) hook->fn(hook->cookie, up.which, up.terms._cursor, split);
@@ -1124,12 +1116,9 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
 
   *merged_terms = writer->_cursor;
   for (uint32_t i = 0; i < src_sz; ++i) {
-    uint64_t size = EMPTY_SECTION_SZ;
-    if (!empty[i]) {
-      int rc = _lex_reader_get_size(&cxts[i]._reader, &size);
-      if (rc != 0)
-        return _set_rc_verbose(w, rc, static_cast<int>(i), "_lex_reader_get_size in st_fclex_merge_n");
-    }
+    uint64_t size = 0;
+    int rc = _lex_reader_get_size(&cxts[i]._reader, &size);
+    if (rc != 0) return _set_rc_verbose(w, rc, static_cast<int>(i), "_lex_reader_get_size in st_fclex_merge_n");
     src_end_offsets[i] = offsets[i] + size;
   }
   return 0;

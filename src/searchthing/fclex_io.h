@@ -165,10 +165,13 @@ struct lex_upper_hook {
 // two halves at a pivot term, merged at once on two threads. With a hook,
 // its work follows the upper half; *lower_terms_o (when not null) receives
 // the number of merged terms below the pivot when the merge was split and
-// both halves went through, else 0.
+// both halves went through, else 0. With header_terms, a source whose
+// lexicon holds another number of terms than header_terms[i] fails the
+// merge with -12.
 int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, uint32_t src_sz, uint32_t tperb,
                          uint64_t page_sz, lex_writer* writer, uint32_t* merged_terms, bmap_t** which_srcs_o,
                          uint64_t* src_end_offsets, wrc* w, uint64_t min_split_terms,
-                         const lex_upper_hook* hook = nullptr, uint32_t* lower_terms_o = nullptr) noexcept;
+                         const lex_upper_hook* hook = nullptr, uint32_t* lower_terms_o = nullptr,
+                         const uint32_t* header_terms = nullptr) noexcept;
 
 }  // namespace tarnix

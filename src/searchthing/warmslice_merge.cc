@@ -601,16 +601,18 @@ struct lexicon_merge {
     // hold zero terms); it takes no part and gets no bit.
     int fds[32];
     uint64_t offsets[32];
+    uint32_t header_terms[32];
     for (uint32_t i = 0; i < src_count; ++i) {
       if (hdr_num_terms(&src_hdrs[i]) == 0) continue;
       fds[active] = src_fds[i];
       offsets[active] = _offset_fclex(&src_hdrs[i]);
+      header_terms[active] = hdr_num_terms(&src_hdrs[i]);
       index_of[active] = i;
       active++;
     }
     if (active > 0) {
       rc = _fclex_merge_n_split(verbose, fds, offsets, active, lex_tpb, page_size, &writer, &num_terms, &which, ends,
-                                &w, FCLEX_MIN_SPLIT_TERMS, hook, &lower_terms);
+                                &w, FCLEX_MIN_SPLIT_TERMS, hook, &lower_terms, header_terms);
       writer_open = true;
       if (rc != 0 || w.warm_rc != 0) {
         // Codes recorded by the lexicon merge name the index among the

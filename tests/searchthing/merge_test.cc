@@ -513,6 +513,11 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
     store_be32(&b[f], v);
     return b;
   };
+  auto lexicon_count = [&](uint32_t v) {
+    bytes b = good;
+    store_be32(&b[l.fclex], v);
+    return b;
+  };
   struct Case {
     const char* what;
     bytes file;  // the second source, after first
@@ -535,6 +540,11 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
       {"event types 0 bits wide", with(HDR_ET_NBITS, 0), WS_EDATA, 1, nullptr},
       {"source column of 1 byte", with(HDR_S_SIZE, 1), WS_EDATA, 1, nullptr},
       {"posting beyond the values", file_bytes(file_of({{10, 1}, {9, 1}}, {{"p", {0, 5}}})), WS_EDATA, -2, nullptr},
+      // A lexicon that disagrees with its header about the number of terms
+      // would leave the postings of the terms it lacks behind.
+      {"lexicon of one term fewer", lexicon_count(49), WS_EDATA, 1,
+       "lexicon term count differs from the header in st_fclex_merge_n"},
+      {"lexicon without terms", lexicon_count(0), WS_EEMPTYLEX, 1, "_lex_reader_open in st_fclex_merge_n"},
       // An empty list for a term the lexicon says the source holds.
       {"empty list", file_bytes(file_of({{10, 1}}, {{"p", {}}, {"q", {0}}})), WS_ENOTAVAIL, 1,
        "src_tsval_id is UINT_MAX in _merge_all_postings"},
