@@ -38,9 +38,11 @@ uint64_t lex_extent(int fd, uint64_t off) noexcept {
   return st_fclex_size_fd(fd, off);
 }
 
-// Every attribute column must hold num_values elements of its width.
+// Every attribute column must hold num_values elements of its width, and
+// values need a deleted flag of one bit: a flag of no bits could not be set.
 bool columns_fit(const warm_header* h) noexcept {
   const uint64_t n = hdr_num_values(h);
+  if (n > 0 && d_nbits(h) != 1) return false;
   const uint32_t sizes[] = {et_size(h), s_size(h), st_size(h), h_size(h), d_size(h)};
   const uint32_t widths[] = {et_nbits(h), s_nbits(h), st_nbits(h), h_nbits(h), d_nbits(h)};
   for (int i = 0; i < 5; ++i) {
@@ -115,7 +117,7 @@ int mapped_extent(int fd, const warm_header* h, uint64_t file_size, uint64_t* le
 int finish_mapped(warm* w, wrc* wrc_o) noexcept {
   const warm_header* h = warm_hdr(w);
   if (!verify_magic(h)) return _set_rc(wrc_o, WS_EMAGIC);
-  if (!columns_fit(h)) return _set_rc_verbose(wrc_o, WS_EDATA, -1, "value columns too small");
+  if (!columns_fit(h)) return _set_rc_verbose(wrc_o, WS_EDATA, -1, "value columns do not fit the header");
   set_pointers(w);
   w->metadata = w->body + _offset_metadata(h);
   w->metadata_offset = NO_OFFSET;
@@ -237,7 +239,7 @@ warm* _map_for_reading_fd(int fd, wrc* wrc_o) noexcept {
   }
   w->map = warm_map{p, map_sz};
   w->body = static_cast<uint8_t*>(p);
-  if (!columns_fit(&h)) return _set_rc_verbose(wrc_o, WS_EDATA, -1, "value columns too small"), nullptr;
+  if (!columns_fit(&h)) return _set_rc_verbose(wrc_o, WS_EDATA, -1, "value columns do not fit the header"), nullptr;
   set_pointers(w);
   w->metadata = nullptr;
   w->metadata_offset = map_sz;

@@ -333,6 +333,8 @@ TEST(WarmSliceOpen, FailureCodes) {
       {"lexicon block size 0", patched(lex_off + 4, 0), -14, -14, -14},
       {"column wider than 32 bits", patched(HDR_ET_NBITS, 33), -12, -12, -12},
       {"column too small for its width", patched(HDR_H_NBITS, 20), -12, -12, -12},
+      // A deleted flag of no bits could not be set by a delete.
+      {"deleted flags 0 bits wide", patched(HDR_D_NBITS, 0), -12, -12, -12},
       // Huge counts move every section far beyond the end of the file.
       {"huge value count", patched(HDR_NUM_VALUES, 0xFFFFFFF0u), -14, -14, -7},
       {"huge term count", patched(HDR_NUM_TERMS, 0xFFFFFFF0u), -14, -14, -7},
