@@ -64,6 +64,8 @@ uint32_t terms_in_block(uint32_t count, uint32_t tperb, uint32_t b) noexcept {
 uint32_t _how_many_blocks_helper(uint32_t terms, uint32_t tperb) noexcept {
   ST_ASSERT_TEXT(terms > 0, "terms > 0");
   ST_ASSERT_TEXT(tperb > 0, "tperb > 0");
+  // Counted in 64 bits: a damaged count near 2^32 would wrap to a few blocks
+  // in 32 and make the section look smaller than its header says.
   return static_cast<uint32_t>((static_cast<uint64_t>(terms) + tperb - 1) / tperb);
 }
 
