@@ -1064,8 +1064,8 @@ int _fclex_merge_n_split(int verbose, const int* fds, const uint64_t* offsets, u
   for (uint32_t i = 0; i < src_sz; ++i) {
     int rc = _lex_reader_open(&cxts[i]._reader, fds[i], offsets[i]);
     if (rc != 0) return _set_rc_verbose(w, rc, static_cast<int>(i), "_lex_reader_open in st_fclex_merge_n");
-    // A lexicon that holds fewer terms than its file says would leave the
-    // postings of the missing terms behind unnoticed.
+    // The lexicon must hold as many terms as its file says: with fewer, the
+    // postings of the missing terms would be left behind unnoticed.
     if (header_terms != nullptr && cxts[i]._reader._bor._nterms != header_terms[i]) {
       return _set_rc_verbose(w, WS_EDATA, static_cast<int>(i),
                              "lexicon term count differs from the header in st_fclex_merge_n");
