@@ -215,6 +215,9 @@ int64_t st_warm_slice_pl_hash(warm* w, uint32_t term_id) noexcept;
 // Writes a prepared hot slice as a new file "%s/%d-%d-%llu%s" (prefix,
 // latest, earliest, unique id, suffix), its path into filename (4096
 // bytes), exclusive create mode 0600. Returns an in-memory handle (fd -1).
+// An attribute of 2^31 or more (a deleted value's source mark aside) would
+// need a 32-bit column, which cannot hold it: the slice is refused with -36
+// and no file is made.
 warm* st_warm_slice_create(hot_slice* hot, char* filename, const char* prefix, const char* suffix,
                            wrc* wrc_o) noexcept;
 

@@ -29,7 +29,10 @@ warm* fail(warm* w, wrc* wrc_o, int rc, int err) noexcept {
   return nullptr;
 }
 
-void build_header(warm_header* h, hot_slice* hot, uint32_t num_values, uint32_t num_terms,
+// Builds the header of the slice's file. False when an attribute column
+// would need 32 bits: the elements of such a column read back as 0, so the
+// file would silently change every value's attribute.
+bool build_header(warm_header* h, hot_slice* hot, uint32_t num_values, uint32_t num_terms,
                   uint32_t num_postings) noexcept {
   memset(h->b, 0, sizeof(h->b));
   _init_magic(h);
@@ -46,13 +49,16 @@ void build_header(warm_header* h, hot_slice* hot, uint32_t num_values, uint32_t 
       {HDR_ST_SIZE, HDR_ST_NBITS, get_largest_source_type(hot)},
       {HDR_H_SIZE, HDR_H_NBITS, get_largest_host(hot)},
   };
+  bool fits = true;
   for (const column& c : cols) {
     const uint32_t nbits = log2n(c.largest);
+    fits = fits && nbits < 32;
     hdr_set(h, c.nbits, nbits);
     hdr_set(h, c.size, static_cast<uint32_t>(column_size(num_values, nbits)));
   }
   hdr_set(h, HDR_D_NBITS, 1);
   hdr_set(h, HDR_D_SIZE, static_cast<uint32_t>(column_size(num_values, 1)));
+  return fits;
 }
 
 warm* _warm_slice_create(hot_slice* hot, char* filename, const char* prefix, const char* suffix,
@@ -71,7 +77,11 @@ warm* _warm_slice_create(hot_slice* hot, char* filename, const char* prefix, con
     return nullptr;
   }
   warm_header h;
-  build_header(&h, hot, num_values, num_terms, num_postings);
+  if (!build_header(&h, hot, num_values, num_terms, num_postings)) {
+    free(w);
+    _set_rc_verbose(wrc_o, WS_E32BIT, -1, "attribute value needs a 32-bit column in st_warm_slice_create");
+    return nullptr;
+  }
 
   // One buffer for the whole file: the fixed part, then room for the
   // lexicon (its worst case is below 17 bytes per term plus the term bytes)

@@ -287,6 +287,52 @@ TEST(WarmSliceWriter, ColumnWidthsAndNames) {
   st_hot_slice_close(h);
 }
 
+// A column of 32 bits would read back as all zeros, so the writer refuses
+// an attribute that needs one and leaves no file; the widest value that
+// fits, and the deletion mark as a source, come back exactly.
+TEST(WarmSliceWriter, AttributesNeedingThirtyTwoBitsAreRefused) {
+  constexpr uint32_t WIDE = 0x80000000u, WIDEST_OK = 0x7FFFFFFFu;
+  struct row {
+    uint32_t et, s, st, h;
+    int rc;
+  };
+  const row rows[] = {
+      {WIDE, 1, 1, 1, -36},        {1, WIDE, 1, 1, -36},      {1, 1, WIDE, 1, -36},
+      {1, 1, 1, WIDE, -36},        {1, 0xFFFFFFFEu, 1, 1, -36}, {WIDEST_OK, WIDEST_OK, WIDEST_OK, WIDEST_OK, 0},
+      {3, 0xFFFFFFFFu, 1, 1, 0},  // the deletion mark
+  };
+  for (const row& r : rows) {
+    SCOPED_TRACE(testing::Message() << r.et << " " << r.s << " " << r.st << " " << r.h);
+    const tsval wide{7, 1, r.et, r.s, r.st, r.h};
+    const tsval small{8, 2, 2, 2, 2, 2};
+    hot_slice* h = fill({{"x", wide}, {"x", small}}, false);
+    testutil::TempDir dir;
+    char name[PATH_BUF_SZ];
+    wrc rc{};
+    warm_ptr w(st_warm_slice_create(h, name, dir.path().c_str(), ".tsidx", &rc));
+    st_hot_slice_close(h);
+    EXPECT_EQ(rc.warm_rc, r.rc);
+    if (r.rc != 0) {
+      EXPECT_EQ(w, nullptr);
+      EXPECT_STREQ(rc.message, "attribute value needs a 32-bit column in st_warm_slice_create");
+      EXPECT_TRUE(testutil::list_dir(dir.path()).empty());
+      continue;
+    }
+    ASSERT_NE(w, nullptr);
+    const warm_ptr by_fd = open_as(name, mode::by_fd, &rc);
+    ASSERT_NE(by_fd, nullptr);
+    for (warm* f : {w.get(), by_fd.get()}) {
+      const contents c = read_all(f);
+      ASSERT_EQ(c.values.size(), 2u);
+      const tsval& v = c.values[1];  // latest first
+      EXPECT_EQ(v.event_type, r.et);
+      EXPECT_EQ(v.source, r.s);
+      EXPECT_EQ(v.source_type, r.st);
+      EXPECT_EQ(v.host, r.h);
+    }
+  }
+}
+
 // A small file made by the library's writer, for the failure paths.
 std::vector<uint8_t> small_file(const std::string& dir, bool streaming = false) {
   std::vector<event> ev;
