@@ -416,10 +416,11 @@ int st_tsidx_clear_need_optimize(tsidx* t) noexcept {
 
 int st_tsidx_sync(tsidx* t) noexcept { return _st_tsidx_sync(t, ".pre-tsidx", 0); }
 
-int _st_tsidx_sync_part(tsidx* t, uint32_t counter) noexcept {
-  if (counter > ST_TSIDX_MAX_PART) return 0;
+int _st_tsidx_sync_part(tsidx* t, uint32_t* counter) noexcept {
+  if (*counter > ST_TSIDX_MAX_PART) return 0;
   char suffix[64];
-  snprintf(suffix, sizeof suffix, ".%u.%u.part-tsidx", counter, t->part_id);
+  snprintf(suffix, sizeof suffix, ".%u.%u.part-tsidx", *counter, t->part_id);
+  ++*counter;
   return _st_tsidx_sync(t, suffix, 1);
 }
 

@@ -126,8 +126,10 @@ int st_tsidx_clear_need_optimize(tsidx* t) noexcept;          // the unlink() re
 // ---- Flush ---------------------------------------------------------------------------
 // _st_tsidx_sync(t, ".pre-tsidx", 0).
 int st_tsidx_sync(tsidx* t) noexcept;
-// Writes part file number counter (nothing when counter > 31).
-int _st_tsidx_sync_part(tsidx* t, uint32_t counter) noexcept;
+// Writes the transaction's part file number *counter and moves the counter
+// on, so that successive calls write parts 0, 1, ... 31; past 31 nothing is
+// written and the counter stays.
+int _st_tsidx_sync_part(tsidx* t, uint32_t* counter) noexcept;
 // Writes the hot slice as "<path>/%d-%d-%llu<suffix>"; unless is_part, moves
 // it to a fresh ".tsidx" name. 0 (also with nothing to write) or -6 with the
 // cause in t->wrc (-35 when the move failed; the ".pre-tsidx" file stays).

@@ -331,12 +331,17 @@ TEST(TsidxFlushPart, CounterAbove31WritesNothing) {
   TempDir d;
   TsidxPtr t = open_dir(d.path(), 0, 0, 6);
   for (uint32_t e = 1; e <= 5; ++e) put_event(t.get(), e);
-  EXPECT_EQ(_st_tsidx_sync_part(t.get(), 32), 0);
-  EXPECT_EQ(_st_tsidx_sync_part(t.get(), 1000), 0);
+  for (uint32_t start : {32u, 1000u}) {
+    uint32_t counter = start;
+    EXPECT_EQ(_st_tsidx_sync_part(t.get(), &counter), 0);
+    EXPECT_EQ(counter, start);
+  }
   EXPECT_TRUE(testutil::list_dir(d.path()).empty());
   EXPECT_EQ(st_hot_slice_values(t->hot_slice), 5u) << "the slice keeps its events";
 
-  EXPECT_EQ(_st_tsidx_sync_part(t.get(), 31), 0);
+  uint32_t counter = 31;
+  EXPECT_EQ(_st_tsidx_sync_part(t.get(), &counter), 0);
+  EXPECT_EQ(counter, 32u);
   auto parts = names_ending(d.path(), ".part-tsidx");
   ASSERT_EQ(parts.size(), 1u);
   int32_t latest, earliest;
@@ -399,7 +404,8 @@ TEST(TsidxMove, OnlyResourceShortagesAreRetried) {
   TempDir d;
   TsidxPtr t = open_dir(d.path());
   put_event(t.get(), 3, 2000);
-  ASSERT_EQ(_st_tsidx_sync_part(t.get(), 0), 0);   // a file to take names from
+  uint32_t counter = 0;
+  ASSERT_EQ(_st_tsidx_sync_part(t.get(), &counter), 0);   // a file to take names from
   auto parts = names_ending(d.path(), ".part-tsidx");
   ASSERT_EQ(parts.size(), 1u);
   wrc rc{};
