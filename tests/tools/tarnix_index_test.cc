@@ -174,7 +174,7 @@ TEST(TarnixIndex, BadInputIsAOneLineErrorWithTheLineNumber) {
     std::string input;
     int line;
     const char* message;
-    size_t events_kept;  // flushed before the bad line (with --max-values 1)
+    size_t events_kept;  // flushed before the bad line (--max-values 2: one two-term event a file)
   } cases[] = {
       {"too few fields", {}, OK1 + "100\t1\t2\n", 2, "expected 7 tab-separated fields", 1},
       {"words only", {}, "hello world\n", 1, "found 1", 0},
@@ -202,7 +202,7 @@ TEST(TarnixIndex, BadInputIsAOneLineErrorWithTheLineNumber) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     TempDir d;
-    std::vector<std::string> args = {"-d", d.path(), "--max-values", "1"};
+    std::vector<std::string> args = {"-d", d.path(), "--max-values", "2"};
     args.insert(args.end(), c.extra_args.begin(), c.extra_args.end());
     RunResult r = run_index(args, c.input);
     EXPECT_EQ(r.status, 1) << r.err;
@@ -250,6 +250,59 @@ TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
       << r.err;
   for (const std::string& name : testutil::list_dir(small.path()))
     EXPECT_EQ(name.find("tsidx"), std::string::npos) << name;  // nor .pre-tsidx
+}
+
+// However full the slice and however large the event, every event lands in
+// one file whole (a split one would be counted twice and found in neither
+// file with all its terms); one that no empty slice could take is refused.
+TEST(TarnixIndex, EveryEventLandsWholeInOneFile) {
+  const struct {
+    int n, seed;
+    std::vector<std::string> generator, limits;
+  } cases[] = {
+      {3000, 1, {}, {"--max-values", "15"}},
+      {2000, 3, {"--streaming"}, {"--max-values", "15"}},
+      {300, 4, {"--tokens", "400-1000"}, {}},
+      {1500, 5, {}, {"--max-postings", "100"}},
+      {1500, 6, {}, {"--max-term-chars", "600", "--max-terms", "300"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.generator) + testing::PrintToString(c.limits));
+    std::vector<std::string> args = {"--generate", std::to_string(c.n), "--seed", std::to_string(c.seed)};
+    args.insert(args.end(), c.generator.begin(), c.generator.end());
+    std::vector<std::string> emit_args = args;
+    emit_args.push_back("--emit-events");
+    RunResult e = run_index(emit_args);
+    ASSERT_EQ(e.status, 0) << e.err;
+    TempDir d;
+    args.insert(args.end(), {"-d", d.path(), "-q"});
+    args.insert(args.end(), c.limits.begin(), c.limits.end());
+    RunResult r = run_index(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    expect_bucket_holds(d.path(), parse_events(e.out), static_cast<size_t>(c.n));
+  }
+
+  const std::string first = "100\t1\t0\t0\t0\t0\tz\n";
+  const struct {
+    std::vector<std::string> limits;
+    std::string second;
+    const char* message;
+  } too_large[] = {
+      {{"--max-values", "1"}, "101\t2\t0\t0\t0\t0\ta b\n", "(events)"},
+      {{"--max-postings", "2"}, "101\t2\t0\t0\t0\t0\ta b c\n", "(postings)"},
+      {{"--max-term-chars", "8"}, "101\t2\t0\t0\t0\t0\tabcd efgh\n", "(term characters)"},
+  };
+  for (const auto& c : too_large) {
+    SCOPED_TRACE(c.message);
+    TempDir d;
+    std::vector<std::string> args = {"-d", d.path(), "-q"};
+    args.insert(args.end(), c.limits.begin(), c.limits.end());
+    RunResult r = run_index(args, first + c.second);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, std::string("tarnix-index: line 2: the event does not fit an empty slice ") + c.message +
+                         "; raise the limits\n");
+    EXPECT_EQ(testutil::read_bucket(d.path()).value_count, 1u) << "the event before it is kept";
+  }
 }
 
 TEST(TarnixIndex, UsageErrors) {

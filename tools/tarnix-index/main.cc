@@ -263,10 +263,20 @@ class indexer {
                                " address " + std::to_string(f[0]) + " after timestamp " +
                                std::to_string(prev_ts_) + " address " + std::to_string(prev_addr_));
     }
-    // The empty term is a probe: a slice more than 7/8 full is flushed
-    // first, so that the whole event goes into one file.
+    // An event goes into one file whole: split over two, its terms would
+    // be found in neither file with all of them, and until both files met
+    // in one merge the event would be counted twice. The empty term is a
+    // probe that flushes a slice more than 7/8 full (and makes the slice);
+    // a larger event than the eighth left can take is flushed for too.
     int r = tarnix::st_tsidx_put(t_, "", 0, ts, f[0], f[1], f[2], f[3], f[4]);
     if (r != 0) return put_failed(line_no, r, "");
+    r = lacks_room(t_->hot_slice, terms);
+    if (r != 0 && tarnix::st_hot_slice_values(t_->hot_slice) != 0) {
+      if (tarnix::st_tsidx_sync(t_) != 0) return flush_failed(line_no);
+      ++own_files_;
+      r = lacks_room(t_->hot_slice, terms);
+    }
+    if (r != 0) return does_not_fit(line_no, r, "the event");
     for (std::string_view term : terms) {
       r = tarnix::st_tsidx_put(t_, term.data(), static_cast<uint32_t>(term.size()), ts, f[0], f[1], f[2],
                                f[3], f[4]);
@@ -294,7 +304,7 @@ class indexer {
     bool pending = t_->hot_slice != nullptr && tarnix::st_hot_slice_values(t_->hot_slice) != 0;
     if (pending) {
       if (tarnix::st_tsidx_sync(t_) != 0) return after_error ? EXIT_INPUT : flush_failed(last_line);
-      ++final_files_;
+      ++own_files_;
     }
     if (!o_.quiet && !after_error) {
       double secs = now_s() - start_;
@@ -305,8 +315,24 @@ class indexer {
   }
 
  private:
-  // Every flush before the last one is a fill-up of the slice.
-  uint64_t files() const { return t_->full_count + final_files_; }
+  // Files written when a put found the slice full, and by the tool's own
+  // flushes (before an event that would not fit, and at the end).
+  uint64_t files() const { return t_->full_count + own_files_; }
+
+  // 0 when every put of the event's terms will find room in the slice, or
+  // the "full" code (-1 terms, -2 values, -3 list nodes, -4 term bytes) of
+  // the first that might not. A put checks the slice before it stores, the
+  // values also after the event's own value went in.
+  static int lacks_room(const tarnix::hot_slice* h, const std::vector<std::string_view>& terms) {
+    const uint64_t n = terms.size();
+    uint64_t bytes = 0;
+    for (std::string_view t : terms) bytes += std::min<uint64_t>(t.size(), tarnix::HOT_MAX_TERM_LEN) + 1;
+    if (h->term_count + n > h->term_capacity) return -1;
+    if (tarnix::st_hot_slice_values(h) + (n > 1 ? 1u : 0u) >= h->value_capacity) return -2;
+    if (h->nodes_used + n > h->list_node_capacity) return -3;
+    if (h->term_bytes_used + bytes > h->term_bytes_capacity) return -4;
+    return 0;
+  }
 
   int fail(uint64_t line_no, const std::string& what) {
     fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), what.c_str());
@@ -322,11 +348,14 @@ class indexer {
   int put_failed(uint64_t line_no, int r, std::string_view term) {
     if (r == -6) return flush_failed(line_no);
     if (r == -1 || r == -2 || r == -3 || r == -4) {
-      static const char* const WHAT[] = {"terms", "events", "postings", "term characters"};
-      return fail(line_no, "the term \"" + std::string(term.substr(0, 64)) + "\" does not fit an empty slice (" +
-                               WHAT[-r - 1] + "); raise the limits");
+      return does_not_fit(line_no, r, "the term \"" + std::string(term.substr(0, 64)) + "\"");
     }
     return fail(line_no, std::string("cannot index the event: ") + tarnix::st_rc_name(r));
+  }
+
+  int does_not_fit(uint64_t line_no, int full_code, const std::string& what) {
+    static const char* const WHAT[] = {"terms", "events", "postings", "term characters"};
+    return fail(line_no, what + " does not fit an empty slice (" + WHAT[-full_code - 1] + "); raise the limits");
   }
 
   const options& o_;
@@ -334,7 +363,7 @@ class indexer {
   double start_;
   double last_report_;
   uint64_t events_ = 0;
-  uint64_t final_files_ = 0;
+  uint64_t own_files_ = 0;
   bool have_prev_ = false;
   int32_t prev_ts_ = 0;
   uint32_t prev_addr_ = 0;
