@@ -1620,7 +1620,17 @@ int merge_postings(const int* src_fds, const warm_header* src_hdrs, const uint64
     cleanup();
     return rc;
   }
-  (void)_plist_writer_close(writer);  // not checked, as it always was
+  // The writer's last buffer ends the postings, the far end of the file;
+  // the writes that follow (metadata, header) lie before it. On a full disk
+  // or at a file size limit this can be the one write that fails, and the
+  // merge must fail with it: otherwise a file cut short would be committed
+  // and its sources removed.
+  rc = _plist_writer_close(writer);
+  if (rc != 0) {
+    _set_rc(w, rc);
+    cleanup();
+    return rc;
+  }
   hdr_set(tgt_hdr, HDR_NUM_POSTINGS, total);
   cleanup();
   return WS_SUCCESS;

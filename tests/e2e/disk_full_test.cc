@@ -4,7 +4,14 @@
 // tarnix-optimize must then fail with the merge's code as its exit status,
 // print its "merge failed" line on standard error, and leave every source
 // byte for byte as it was, with no new index file beside them.
+//
+// Without root, a limit on the size of the files the optimizer may write
+// does the same at any byte: the merged file needs S bytes, so under every
+// limit below S the merge must fail and keep its sources.
+#include <signal.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <sys/statvfs.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,6 +21,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -119,6 +127,78 @@ TEST_F(DiskFull, MergeFailsAndLeavesEverySourceIntact) {
     // Every source as it was, and nothing else under a final name.
     EXPECT_EQ(sources_.size(), tsidx_names(bucket).size());
     for (const auto& [name, bytes] : sources_) EXPECT_EQ(bytes, read_file(bucket + "/" + name)) << name;
+  }
+}
+
+// tarnix-optimize -m all over bucket with its files limited to `limit`
+// bytes: a write past it fails (EFBIG, SIGXFSZ ignored) as on a full disk.
+// Its exit status.
+int optimize_with_file_limit(const std::string& bucket, rlim_t limit) {
+  const std::string prog = bin("tarnix-optimize");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    const struct rlimit rl = {limit, limit};
+    setrlimit(RLIMIT_FSIZE, &rl);
+    setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1);
+    const int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, 2);
+    execl(prog.c_str(), prog.c_str(), "-d", bucket.c_str(), "-m", "all", "-i", "1", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int st = 0;
+  if (pid < 0 || waitpid(pid, &st, 0) != pid) return -1;
+  return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+}
+
+// Every limit from below the postings' end up to one byte short of the
+// merged file: the last stretch of postings is written last of all, and a
+// failure there must fail the merge like any other.
+TEST(FileSizeLimit, NoMergeSucceedsWithoutRoomForItsWholeFile) {
+  TempDir src;
+  RunResult r = run_bin("tarnix-index", {"--generate", "300", "--seed", "5", "-d", src.path(), "--max-values", "100", "-q"});
+  ASSERT_EQ(0, r.status) << r.err;
+  std::map<std::string, std::vector<uint8_t>> sources;
+  std::vector<posting> all;
+  for (const std::string& n : tsidx_names(src.path())) {
+    sources[n] = read_file(src.file(n));
+    ASSERT_TRUE(read_postings(src.file(n), &all));
+  }
+  ASSERT_GE(sources.size(), 3u);
+  std::sort(all.begin(), all.end());
+
+  auto fresh_bucket = [&](const TempDir& d) {
+    for (const auto& [name, bytes] : sources) write_file(d.file(name), bytes);
+  };
+  TempDir whole;
+  fresh_bucket(whole);
+  ASSERT_EQ(0, optimize_with_file_limit(whole.path(), RLIM_INFINITY));
+  ASSERT_EQ(1u, tsidx_names(whole.path()).size());
+  const int64_t merged_size = file_size(whole.file(tsidx_names(whole.path())[0]));
+  ASSERT_GT(merged_size, 9000);
+
+  std::vector<int64_t> limits;
+  for (int64_t l = merged_size - 9000; l < merged_size; l += 499) limits.push_back(l);
+  limits.push_back(merged_size - 1);
+  limits.push_back(merged_size);
+  for (int64_t limit : limits) {
+    SCOPED_TRACE("limit " + std::to_string(limit) + " of " + std::to_string(merged_size));
+    TempDir d;
+    fresh_bucket(d);
+    const int status = optimize_with_file_limit(d.path(), static_cast<rlim_t>(limit));
+    const std::vector<std::string> names = tsidx_names(d.path());
+    if (limit < merged_size) {
+      EXPECT_EQ(247, status) << "a failed write (-9)";
+      EXPECT_EQ(sources.size(), names.size());
+      for (const auto& [name, bytes] : sources) EXPECT_EQ(bytes, read_file(d.file(name))) << name;
+    } else {
+      ASSERT_EQ(0, status);
+      ASSERT_EQ(1u, names.size());
+      std::vector<posting> merged;
+      ASSERT_TRUE(read_postings(d.file(names[0]), &merged));
+      std::sort(merged.begin(), merged.end());
+      EXPECT_TRUE(merged == all) << "every posting of the sources, and no other";
+    }
   }
 }
 
