@@ -78,6 +78,7 @@ struct pass_state {
   so_group group{};
   int slots[SO_MAX_GROUP];
   uint32_t locked = 0;  // members 0..locked-1 hold their source lock
+  bool keep_lock[SO_MAX_GROUP] = {};  // a source that is not to be released
 
   const so_candidate& member(uint32_t m) const { return (*sorted)[group.pos[m]]; }
 
@@ -110,7 +111,9 @@ struct pass_state {
     for (uint32_t k = 0; k < started; ++k) threads[k].join();
   }
   void unlock_sources() noexcept {
-    for (uint32_t m = 0; m < locked; ++m) (void)st_unlock(member(m).path.c_str());
+    for (uint32_t m = 0; m < locked; ++m) {
+      if (!keep_lock[m]) (void)st_unlock(member(m).path.c_str());
+    }
     locked = 0;
   }
 };
@@ -396,8 +399,19 @@ int _optimize_pass(tsidx* t, int32_t mode, FILE* log, uint32_t min_src_count, ui
 
   // The merged file is in place: the sources go, then the locks. Their
   // names go in group order while the slots still hold the files, so that
-  // the blocks are freed as the slots close, on several threads.
-  for (uint32_t m = 0; m < ps.group.count; ++m) (void)unlink(ps.member(m).path.c_str());
+  // the blocks are freed as the slots close, on several threads. A source
+  // that cannot be removed holds events that the merged file now holds as
+  // well: it keeps its lock, as after a crash at this point, so that no
+  // later pass merges them a second time (and passes do not merge it over
+  // and over), and the operator is told on standard error.
+  for (uint32_t m = 0; m < ps.group.count; ++m) {
+    const char* path = ps.member(m).path.c_str();
+    if (unlink(path) != 0 && errno != ENOENT) {
+      fprintf(stderr, "remove failed for path=%s errno=%i: its events are also in the merged file; it stays locked\n",
+              path, errno);
+      ps.keep_lock[m] = true;
+    }
+  }
   ps.close_removed_slots();
   (void)st_unlock(dir);
   ps.unlock_sources();

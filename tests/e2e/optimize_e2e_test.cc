@@ -415,6 +415,42 @@ TEST(OptimizeRun, FailedCallsEndThePassCleanly) {
   }
 }
 
+// A source that cannot be removed once its merge is in place keeps its
+// lock, so that later passes neither merge its events a second time nor
+// take it again and again; the run ends and says which file it is.
+TEST(OptimizeRun, SourceThatCannotBeRemovedStaysLocked) {
+  for (const bool tstats : {false, true}) {
+    SCOPED_TRACE(tstats ? "--tstats" : "without --tstats");
+    TempDir d;
+    auto all = fill_bucket(d.path(), 4, 3);
+    const auto sources = snapshot(d.path());
+    const std::string stuck = tsidx_names(d.path())[1];
+
+    std::vector<std::string> env = kOptimizeEnv;
+    env.push_back("LD_PRELOAD=" + bin("libfailcalls.so"));
+    env.push_back("TARNIX_FAIL_UNLINK=/" + stuck + ":1");
+    const char* asan = getenv("ASAN_OPTIONS");
+    env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0");
+    std::vector<std::string> args = {"-d", d.path(), "-m", "all", "-s", "2", "-i", "5"};
+    if (tstats) args.push_back("--tstats");
+    RunResult r = run_optimize(args, env);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "remove failed for path=" + d.file(stuck) +
+                         " errno=1: its events are also in the merged file; it stays locked\n");
+    // The merged file and the stuck source, as it was and locked; no other
+    // lock, and the merged file holds every event once.
+    const std::vector<std::string> names = tsidx_names(d.path());
+    ASSERT_EQ(names.size(), 2u);
+    EXPECT_EQ(names_ending(d.path(), ".lock"), std::vector<std::string>{stuck + ".lock"});
+    EXPECT_EQ(read_file(d.file(stuck)), sources.at(stuck));
+    const std::string merged = names[0] == stuck ? names[1] : names[0];
+    std::vector<posting> got;
+    ASSERT_TRUE(read_postings(d.file(merged), &got));
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, postings_of(all));
+  }
+}
+
 // The same events indexed twice: without --tstats each twin pair becomes
 // one value of the merged file, with it both stay.
 TEST(OptimizeRun, TstatsKeepsTwinValuesApart) {

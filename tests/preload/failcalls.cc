@@ -8,6 +8,8 @@
 //                             error number E (N = 0: every one after the K)
 //   TARNIX_FAIL_CLOSE=S:E     close() of a descriptor whose file's path ends
 //                             in S closes it and then fails with E
+//   TARNIX_FAIL_UNLINK=S:E    unlink() of a path ending in S fails with E and
+//                             removes nothing
 //   TARNIX_FIXED_TIME=T       gettimeofday() always gives T seconds and rand()
 //                             always 0, so that every file name the program
 //                             makes is known beforehand (nothing may wait for
@@ -39,7 +41,7 @@ struct rule {
   int err = 0;
 };
 
-rule link_rule, open_rule, close_rule;
+rule link_rule, open_rule, close_rule, unlink_rule;
 bool time_fixed = false;
 long fixed_seconds = 0;
 std::atomic<long> opens_seen{0};
@@ -91,6 +93,12 @@ __attribute__((constructor)) void read_settings() {
     if (!split(v, 1, close_rule.suffix, n)) bad_setting("TARNIX_FAIL_CLOSE");
     close_rule.on = true;
     close_rule.err = static_cast<int>(n[0]);
+  }
+  if (const char* v = getenv("TARNIX_FAIL_UNLINK")) {
+    long n[1];
+    if (!split(v, 1, unlink_rule.suffix, n)) bad_setting("TARNIX_FAIL_UNLINK");
+    unlink_rule.on = true;
+    unlink_rule.err = static_cast<int>(n[0]);
   }
   if (const char* v = getenv("TARNIX_FIXED_TIME")) {
     char* stop = nullptr;
@@ -163,6 +171,15 @@ int close(int fd) {
   if (!hit || r != 0) return r;
   errno = close_rule.err;
   return -1;
+}
+
+int unlink(const char* path) noexcept {
+  if (unlink_rule.on && ends_with(path, unlink_rule.suffix)) {
+    errno = unlink_rule.err;
+    return -1;
+  }
+  static auto real = next<int (*)(const char*)>("unlink");
+  return real(path);
 }
 
 int gettimeofday(struct timeval* tv, void* tz) noexcept {
