@@ -2,6 +2,7 @@
 // builder (sound, and corrupted one field at a time), against files written
 // by the library's writer and merge, and against bucket directories.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
@@ -237,6 +238,45 @@ TEST(TarnixCheck, BucketReportListsStateAndPredictsTheNextPass) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(first_problem_section(r.out), "header") << r.out;
   EXPECT_EQ(r.out.find("bucket:"), std::string::npos) << "-q prints problems only";
+}
+
+// What the optimizer would take as a source and then refuse, leaving its
+// group locked, makes a bucket unsound; what cannot be read whole (a FIFO)
+// is refused at once; a report that cannot be written is a failure.
+TEST(TarnixCheck, EntriesTheOptimizerRefusesAndUnwritableReports) {
+  const std::vector<uint8_t> lex = testutil::build_lexicon_file({"a", "b"}, {1, 2}, 2);
+  const struct {
+    const char* what;
+    std::function<void(const TempDir&)> add;
+    const char* found;
+  } cases[] = {
+      {"directory", [](const TempDir& d) { ASSERT_EQ(mkdir(d.file("5-1-1.tsidx").c_str(), 0755), 0); },
+       "expected a regular index file, found a directory"},
+      {"lexicon-only file", [&](const TempDir& d) { write_tmp(d, "5-1-1.tsidx", lex); },
+       "expected an index file under an index file's name, found a lexicon-only file"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir d;
+    for (uint32_t s = 1; s <= 2; ++s) write_slice(d.path(), s, 40, 0);
+    ASSERT_EQ(check({"-q", d.path()}).status, 0);
+    c.add(d);
+    auto r = check({"-q", d.path()});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, d.file("5-1-1.tsidx") + ": file: at " + (c.what[0] == 'd' ? "type" : "magic") + ": " +
+                         c.found + "\n");
+  }
+
+  TempDir d;
+  ASSERT_EQ(mkfifo(d.file("fifo").c_str(), 0600), 0);
+  auto r = check({d.file("fifo")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("expected a readable file, found not a regular file"), std::string::npos) << r.out;
+
+  const std::string file = write_slice(d.path(), 3, 40, 0);
+  r = testutil::run({"/bin/sh", "-c", "exec \"$0\" \"$@\" >/dev/full", testutil::bin("tarnix-check"), file});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tarnix-check: writing the report failed: No space left on device\n");
 }
 
 TEST(TarnixCheck, DistinctTermsMatchTheUnionOfTheLexicons) {

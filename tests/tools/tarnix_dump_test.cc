@@ -1,6 +1,8 @@
 // tarnix-dump against a small file whose every byte the test's builder laid
 // out (so the expected output is known), and against a merged file, where
 // its posting lists must agree with the library's own posting reader.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
@@ -157,12 +159,20 @@ TEST_F(TarnixDump, FailuresAndUsage) {
       {{path_, "--values", "--limit", "x"}, 2, "not a number"},
       {{path_, "--prefix", "a"}, 2, "--prefix needs --terms"},
       {{}, 2, "no FILE"},
+      {{dir_.file("fifo")}, 1, "fifo: not a regular file"},  // refused at once, not waited on
+      {{dir_.path()}, 1, ": Is a directory"},
   };
+  ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0600), 0);
   for (const auto& c : cases) {
     auto r = dump(c.args);
     EXPECT_EQ(r.status, c.status) << c.err;
     EXPECT_NE(r.err.find(c.err), std::string::npos) << c.err << "\n" << r.err;
   }
+  // Output that could not be written is not a dump.
+  auto full = testutil::run({"/bin/sh", "-c", "exec \"$0\" \"$@\" >/dev/full", testutil::bin("tarnix-dump"), path_,
+                             "--values"});
+  EXPECT_EQ(full.status, 1);
+  EXPECT_EQ(full.err, "tarnix-dump: writing the output failed: No space left on device\n");
   auto r = dump({"--help"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("--events TERM"), std::string::npos);

@@ -2,6 +2,7 @@
 // filtered lexicons, --list of both (big-endian and native counts), the
 // refusal of a minimum count that keeps nothing, exit statuses and usage
 // errors.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -211,7 +212,10 @@ TEST(TarnixLex, FailedCallsLeaveNoMergedLexicon) {
        "tarnix-optimize-lex complete with rc=-35 wrc=[-35,1]"},
       {"TARNIX_FAIL_CLOSE=merged_lexicon.lex.tmp:5", "tarnix-lex: merging failed: rc=-11 (WS_ECLOSE) errno=5",
        "tarnix-optimize-lex complete with rc=-11 wrc=[-11,5]"},
-      {"TARNIX_FAIL_OPEN=.tsidx:2:1:13", "tarnix-lex: merging failed: rc=-4 (WS_EOPEN) errno=13",
+      // The tool reads each index file's header once before the merge; the
+      // merge's third open fails.
+      {"TARNIX_FAIL_OPEN=.tsidx:" + std::to_string(testutil::tsidx_names(dir.path()).size() + 2) + ":1:13",
+       "tarnix-lex: merging failed: rc=-4 (WS_EOPEN) errno=13",
        "tarnix-optimize-lex complete with rc=-4 wrc=[-4,13]"},
   };
   const char* asan = getenv("ASAN_OPTIONS");
@@ -244,13 +248,30 @@ TEST(TarnixLex, ListRefusesWhatItCannotRead) {
   } cases[] = {
       {dir.file("missing.lex"), "tarnix-lex: cannot open " + dir.file("missing.lex") + ": "},
       {dir.file("junk.lex"), "tarnix-lex: cannot read " + dir.file("junk.lex") + ": rc=-13 (WS_EMAGIC)"},
+      {dir.file("fifo"), "tarnix-lex: cannot open " + dir.file("fifo") + ": not a regular file\n"},
+      {dir.path(), "tarnix-lex: cannot open " + dir.path() + ": Is a directory\n"},
   };
+  ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
   for (const auto& c : cases) {
     RunResult r = lex({"--list", c.file});
     EXPECT_EQ(r.status, 1) << c.file;
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err.rfind(c.err_start, 0), 0u) << r.err;
   }
+}
+
+// A lexicon-only file under an index file's name has no metadata for the
+// merge to take its counts from: the run names it and writes nothing.
+TEST(TarnixLex, LexiconOnlyFileUnderAnIndexNameIsRefused) {
+  TempDir dir;
+  make_bucket(dir, 200, 3);
+  ASSERT_EQ(lex({"-d", dir.path()}).status, 0);
+  ASSERT_EQ(rename(dir.file("merged_lexicon.lex").c_str(), dir.file("7-7-7.tsidx").c_str()), 0);
+  RunResult r = lex({"-d", dir.path()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tarnix-lex: " + dir.path() + "/7-7-7.tsidx is a lexicon-only file under an index file's name; "
+                   "move it away\n");
+  EXPECT_FALSE(exists(dir.file("merged_lexicon.lex")));
 }
 
 TEST(TarnixLex, UsageErrors) {

@@ -489,7 +489,7 @@ struct checker {
   void run() {
     int e = 0;
     if (!in.open(rep->path, &e)) {
-      err("file", "open", "a readable file", strerror(e));
+      err("file", "open", "a readable file", open_error(e));
       return;
     }
     rep->size = size();

@@ -51,6 +51,11 @@ inline int64_t pread_full(int fd, void* buf, size_t n, uint64_t off) noexcept {
 }
 
 // A read-only descriptor and the file's size, closed on destruction.
+// The error of input_file::open for a path that is neither a regular file
+// nor a directory (a FIFO, a socket, a device), and the text of its errors.
+inline constexpr int NOT_REGULAR = -1;
+inline const char* open_error(int err) { return err == NOT_REGULAR ? "not a regular file" : strerror(err); }
+
 class input_file {
  public:
   input_file() = default;
@@ -58,10 +63,12 @@ class input_file {
   input_file& operator=(const input_file&) = delete;
   ~input_file() { close(); }
 
-  // Opens path; false with the error number in err on failure.
+  // Opens path, a regular file; false with the error number in err on
+  // failure (NOT_REGULAR for anything else, see open_error). The open does
+  // not wait: a FIFO would otherwise block it until a writer came.
   bool open(const std::string& path, int* err) noexcept {
     close();
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd_ < 0) {
       *err = errno;
       return false;
@@ -69,6 +76,11 @@ class input_file {
     struct stat st;
     if (fstat(fd_, &st) != 0) {
       *err = errno;
+      close();
+      return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+      *err = S_ISDIR(st.st_mode) ? EISDIR : NOT_REGULAR;
       close();
       return false;
     }

@@ -24,7 +24,7 @@ const char USAGE[] =
     "  -q        print problems only (no summaries, notes or bucket reports)\n"
     "  --terms   count the distinct terms over each bucket directory\n"
     "  --help    show this help\n"
-    "Exit status: 0 sound, 1 a problem found, 2 usage error.\n";
+    "Exit status: 0 sound, 1 a problem found or the report could not be written, 2 usage error.\n";
 
 struct options {
   bool json = false;
@@ -251,5 +251,10 @@ int main(int argc, char** argv) {
   if (o.json)
     printf("{\"sound\":%s,\"files\":[%s],\"buckets\":[%s]}\n", sound ? "true" : "false", json_files.c_str(),
            json_buckets.c_str());
+  // A report that did not reach its reader has not been given.
+  if (fflush(stdout) != 0 || ferror(stdout)) {
+    fprintf(stderr, "tarnix-check: writing the report failed: %s\n", strerror(errno));
+    return 1;
+  }
   return sound ? 0 : 1;
 }

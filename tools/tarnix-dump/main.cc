@@ -31,7 +31,7 @@ const char USAGE[] =
     "  --events TERM     the events holding TERM, latest first (deleted values left out)\n"
     "  --json            one JSON document instead of text\n"
     "  --help            show this help\n"
-    "Exit status: 0 done, 1 unreadable or damaged file or unknown term, 2 usage error.\n";
+    "Exit status: 0 done, 1 unreadable or damaged file, unknown term or output not written, 2 usage error.\n";
 
 struct options {
   std::string file;
@@ -69,7 +69,7 @@ class dumper {
 
   int run() {
     int e = 0;
-    if (!in_.open(o_.file, &e)) return fail(o_.file + ": " + strerror(e));
+    if (!in_.open(o_.file, &e)) return fail(o_.file + ": " + open_error(e));
     if (in_.size() < WARM_HEADER_SZ || pread_full(in_.fd(), hdr_.b, WARM_HEADER_SZ, 0) != 60)
       return fail(o_.file + ": shorter than a 60-byte header");
     if (!verify_magic(&hdr_)) return fail(o_.file + ": unknown magic " + hex_bytes(hdr_.b, MAGIC_SZ));
@@ -471,5 +471,11 @@ int main(int argc, char** argv) {
   if (o.has_prefix && !o.terms) return usage_error("--prefix needs --terms");
   if (o.has_limit && !o.values) return usage_error("--limit needs --values");
   dumper d(o);
-  return d.run();
+  const int status = d.run();
+  // Output cut short (a full disk, a closed pipe) is not a dump.
+  if (fflush(stdout) != 0 || ferror(stdout)) {
+    fprintf(stderr, "tarnix-dump: writing the output failed: %s\n", strerror(errno));
+    return 1;
+  }
+  return status;
 }

@@ -7,8 +7,10 @@
 // as a broken promise and aborts), so before filtering the tool reads the
 // merged lexicon's counts and refuses, with a message and exit status 1, a
 // minimum count that no term reaches.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -22,6 +24,8 @@
 #include "searchthing/lock.h"
 #include "searchthing/merged_lex.h"
 #include "searchthing/result.h"
+#include "searchthing/tsidx.h"
+#include "searchthing/warmslice_util.h"
 
 namespace {
 
@@ -153,12 +157,28 @@ int print_term(const char* term, uint32_t len, uint32_t count, void* cookie) {
   return 0;
 }
 
-int list_file(const options& o) {
-  int fd = open(o.list, O_RDONLY | O_CLOEXEC);
+// Opens path read-only if it is a regular file; -1 after the error line.
+// The open does not wait: a FIFO would otherwise hold it until a writer came.
+int open_regular(const char* path) {
+  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
-    fprintf(stderr, "tarnix-lex: cannot open %s: %s\n", o.list, strerror(errno));
-    return EXIT_FAILED;
+    fprintf(stderr, "tarnix-lex: cannot open %s: %s\n", path, strerror(errno));
+    return -1;
   }
+  struct stat st;
+  const bool known = fstat(fd, &st) == 0;
+  if (!known || !S_ISREG(st.st_mode)) {
+    const char* why = !known ? strerror(errno) : S_ISDIR(st.st_mode) ? strerror(EISDIR) : "not a regular file";
+    fprintf(stderr, "tarnix-lex: cannot open %s: %s\n", path, why);
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int list_file(const options& o) {
+  int fd = open_regular(o.list);
+  if (fd < 0) return EXIT_FAILED;
   // The filtered lexicon keeps its counts in the machine's own order.
   std::string_view path(o.list);
   size_t slash = path.rfind('/');
@@ -207,9 +227,44 @@ int check_filter_keeps_terms(const options& o) {
   return 0;
 }
 
+// 0 when no file under an index file's name is a lexicon-only file, else
+// the exit status after naming the first. The lexicon merge takes its
+// sources' term counts from their metadata, which such a file does not
+// have, and treats one as a broken promise (it aborts).
+int check_no_lexicon_only_sources(const options& o) {
+  DIR* d = opendir(o.dir);
+  if (d == nullptr) return 0;  // the merge reports the directory itself
+  int status = 0;
+  while (dirent* e = readdir(d)) {
+    int32_t earliest, latest;
+    uint64_t id;
+    if (tarnix::st_tsidx_file_parse(e->d_name, &earliest, &latest, &id) != 1) continue;
+    const std::string path = std::string(o.dir) + "/" + e->d_name;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) continue;
+    tarnix::warm_header h;
+    struct stat st;
+    const bool lexicon_only = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                              pread(fd, h.b, sizeof(h.b), 0) == static_cast<ssize_t>(sizeof(h.b)) &&
+                              tarnix::verify_magic(&h) && !tarnix::_has_full_metadata(&h);
+    close(fd);
+    if (lexicon_only) {
+      fprintf(stderr, "tarnix-lex: %s is a lexicon-only file under an index file's name; move it away\n",
+              path.c_str());
+      status = EXIT_FAILED;
+      break;
+    }
+  }
+  closedir(d);
+  return status;
+}
+
 int run_dir(const options& o) {
   if (o.filter) {
     int refused = check_filter_keeps_terms(o);
+    if (refused != 0) return refused;
+  } else {
+    int refused = check_no_lexicon_only_sources(o);
     if (refused != 0) return refused;
   }
   tarnix::wrc w{};
