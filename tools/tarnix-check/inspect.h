@@ -50,12 +50,12 @@ inline int64_t pread_full(int fd, void* buf, size_t n, uint64_t off) noexcept {
   return static_cast<int64_t>(done);
 }
 
-// A read-only descriptor and the file's size, closed on destruction.
 // The error of input_file::open for a path that is neither a regular file
 // nor a directory (a FIFO, a socket, a device), and the text of its errors.
 inline constexpr int NOT_REGULAR = -1;
 inline const char* open_error(int err) { return err == NOT_REGULAR ? "not a regular file" : strerror(err); }
 
+// A read-only descriptor and the file's size, closed on destruction.
 class input_file {
  public:
   input_file() = default;
