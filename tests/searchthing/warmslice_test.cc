@@ -2,7 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -415,6 +418,74 @@ TEST(WarmSliceOpen, FailureCodes) {
   EXPECT_EQ(rc.warm_rc, -8);
   EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
   close(fd);
+}
+
+// System calls that fail on a sound file: a descriptor that is not open
+// (-6), an address space too small for the mapping (-3), and a mapping that
+// is gone when the handle is closed (-1, the descriptor and handle kept).
+TEST(WarmSliceOpen, FailedSystemCalls) {
+  testutil::TempDir dir;
+  const std::vector<uint8_t> good = small_file(dir.path());
+  const std::string path = dir.file("f.tsidx");
+  testutil::write_file(path, good);
+
+  wrc rc{};
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(st_warm_slice_open_from_fd(fd, 0, &rc), nullptr);
+  EXPECT_EQ(rc.warm_rc, -6);
+
+  warm* w = st_warm_slice_open(path.c_str(), 0, &rc);
+  ASSERT_NE(w, nullptr);
+  ASSERT_EQ(munmap(w->map.ptr, w->map.len), 0);
+  ASSERT_EQ(st_warm_slice_close(w), -1);  // on anything else w is gone
+  EXPECT_GE(fcntl(w->fd, F_GETFD), 0);
+  close(w->fd);
+  free(w);
+
+  // Every section moved 4 GiB further by the value count, the lexicon and
+  // postings copied to where the header now puts them: a sparse file that
+  // opens up to its mapping.
+  std::vector<uint8_t> head(good.begin(), good.begin() + WARM_HEADER_SZ);
+  const uint64_t lex_off = size_without_vardata(reinterpret_cast<const warm_header*>(head.data()));
+  store_be32(head.data() + HDR_NUM_VALUES, load_be32(head.data() + HDR_NUM_VALUES) + (1u << 29));
+  const uint64_t far_off = size_without_vardata(reinterpret_cast<const warm_header*>(head.data()));
+  ASSERT_GT(far_off, 1ull << 32);
+  const std::string big = dir.file("big.tsidx");
+  fd = open(big.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(pwrite(fd, head.data(), head.size(), 0), static_cast<ssize_t>(head.size()));
+  const size_t tail = good.size() - lex_off;
+  ASSERT_EQ(pwrite(fd, good.data() + lex_off, tail, static_cast<off_t>(far_off)), static_cast<ssize_t>(tail));
+  close(fd);
+  // Unlimited, the opens get past the mapping and fail on the columns.
+  for (mode m : ALL_MODES) {
+    EXPECT_EQ(open_as(big, m, &rc), nullptr);
+    EXPECT_EQ(rc.warm_rc, -12) << static_cast<int>(m);
+  }
+  // With 256 MiB of address space to spare, none of the mappings fits.
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    const std::vector<uint8_t> text = testutil::read_file("/proc/self/status");
+    const std::string status(text.begin(), text.end());
+    const size_t at = status.find("VmSize:");
+    if (at == std::string::npos) _exit(100);
+    const rlim_t limit = (strtoull(status.c_str() + at + 7, nullptr, 10) << 10) + (256ull << 20);
+    const rlimit rl{limit, limit};
+    if (setrlimit(RLIMIT_AS, &rl) != 0) _exit(101);
+    int failed_modes = 0;
+    for (mode m : ALL_MODES) {
+      wrc child_rc{};
+      if (open_as(big, m, &child_rc) != nullptr || child_rc.warm_rc != -3) failed_modes |= 1 << static_cast<int>(m);
+    }
+    _exit(failed_modes);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "bit k set: mode k did not give -3";
 }
 
 TEST(WarmSliceOpen, EveryTruncationFailsCleanly) {
