@@ -424,7 +424,11 @@ int _lex_reader_open(lex_reader* r, int fd, uint64_t offset) noexcept {
     return WS_EREAD;
   if (blocks_sz < count) return WS_EDATA;
 
+  // No block is larger than the blocks area: a lexicon of one huge block
+  // (a large or negative block size given to the writer) needs no more
+  // than its own size, however many terms it holds.
   uint64_t cap = _max_block_size(tperb < count ? tperb : count);
+  if (cap > blocks_sz) cap = blocks_sz < _max_block_size(1) ? _max_block_size(1) : blocks_sz;
   if (cap > 0xFFFFFFFFull) return WS_ENOMEM;
   r->buf = static_cast<uint8_t*>(calloc(1, cap));
   if (r->buf == nullptr) return WS_ENOMEM;

@@ -135,6 +135,18 @@ TEST(FclexMerge, OneSourceIsReblocked) {
   }
 }
 
+// A source written as one block of more than 2^32 / 2052 terms (what a
+// huge or negative block size gives) must merge again: its reader's buffer
+// is bounded by the section, not by the block size.
+TEST(FclexMerge, OneBlockOfMillionsOfTermsMergesAgain) {
+  terms_t terms(2100000);
+  for (size_t i = 0; i < terms.size(); ++i) terms[i] = "t" + std::to_string(10000000 + i);
+  merge_result r = run_merge({{terms, 0xFFFFFFFFu}}, 64);
+  ASSERT_EQ(r.rc, 0) << r.w.message;
+  EXPECT_EQ(r.merged, terms.size());
+  EXPECT_TRUE(r.terms == terms);
+}
+
 // The property the posting merge relies on: source i's m-th term is the
 // merged term at which source i's m-th set bit occurs.
 void check_against_model(const std::vector<source>& sources, const merge_result& r) {
