@@ -27,7 +27,20 @@ constexpr char UNINITIALIZED_TEXT[] = "0\nuninitialized";
 
 int real_fs_type(const char* path, uint32_t* type, void*) {
   struct statfs sfs;
-  if (statfs(path, &sfs) != 0) return -1;
+  if (statfs(path, &sfs) != 0) {
+    // A dangling symbolic link (a lock file left as one, whose own lock is
+    // taken to break it) is on the file system of its directory.
+    struct stat st;
+    if (errno != ENOENT || lstat(path, &st) != 0 || !S_ISLNK(st.st_mode)) return -1;
+    char dir[ST_LOCK_PATH_SZ] = ".";
+    if (const char* slash = strrchr(path, '/')) {
+      const size_t len = slash == path ? 1 : static_cast<size_t>(slash - path);
+      if (len >= sizeof dir) return -1;
+      memcpy(dir, path, len);
+      dir[len] = '\0';
+    }
+    if (statfs(dir, &sfs) != 0) return -1;
+  }
   // VxFS's magic has its top bit set: compare every type as 32 bits.
   *type = static_cast<uint32_t>(sfs.f_type);
   return 0;
@@ -116,7 +129,7 @@ int lock_hard_link(const char* path, const char* lock, const lock_env* env) {
     if (!isalnum(static_cast<unsigned char>(*c))) *c = '-';
   }
   struct stat st;
-  if (stat(lock, &st) == 0) return 1;
+  if (lstat(lock, &st) == 0) return 1;
 
   // Any per-process value separates two lockers with the same pid on two
   // hosts sharing a name; the address of this process's text will do.
@@ -242,8 +255,11 @@ int st_unlock(const char* path) noexcept {
 int st_islocked(const char* path) noexcept {
   char lock[ST_LOCK_PATH_SZ];
   if (!lock_name(lock, path)) return -1;
+  // The lock is the name, not what it points to: a symbolic link left as a
+  // lock file, dangling or not, holds the lock as the exclusive create
+  // that would take it sees.
   struct stat st;
-  if (stat(lock, &st) == 0) return 1;
+  if (lstat(lock, &st) == 0) return 1;
   return errno == ENOENT ? 0 : -1;
 }
 
@@ -279,6 +295,18 @@ int st_forced_lock(const char* path, int seconds) noexcept {
   return _st_forced_lock_with(path, seconds, nullptr);
 }
 
+namespace {
+
+// Status-change time of the lock file itself (a link is not followed).
+int lock_ctime_ms(const char* lock, int64_t* out_ms) noexcept {
+  struct stat st;
+  if (lstat(lock, &st) != 0) return -1;
+  *out_ms = static_cast<int64_t>(st.st_ctime) * 1000;
+  return 0;
+}
+
+}  // namespace
+
 int _st_force_unlock_with(const char* path, int64_t since, const lock_env* env) noexcept {
   env = env_or_real(env);
   char lock[ST_LOCK_PATH_SZ];
@@ -286,13 +314,13 @@ int _st_force_unlock_with(const char* path, int64_t since, const lock_env* env) 
   if (!lock_name(lock, path) || !lock_name(lock_of_lock, lock)) return -2;
   const int64_t since_ms = since * 1000;
   int64_t ctime_ms = 0;
-  if (ospath_get_time(lock, 0, &ctime_ms) != 0 || ctime_ms >= since_ms) return -1;
+  if (lock_ctime_ms(lock, &ctime_ms) != 0 || ctime_ms >= since_ms) return -1;
 
   // Serialise the breakers: whoever holds the lock's lock re-checks that the
   // lock is still the stale one before removing it.
   if (_st_forced_lock_with(lock, 10, env) != 0) return -1;
   int r;
-  if (ospath_get_time(lock, 0, &ctime_ms) != 0) {
+  if (lock_ctime_ms(lock, &ctime_ms) != 0) {
     r = -1;
   } else if (ctime_ms < since_ms) {
     r = st_unlock(path);

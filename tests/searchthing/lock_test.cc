@@ -277,6 +277,24 @@ TEST_F(Lock, ForceUnlockKeepsALockNewerThanSince) {
   EXPECT_EQ(st_force_unlock(p.c_str(), ctime_ms / 1000 + 1), -1);
 }
 
+// A symbolic link left as a lock file, dangling or not, holds the lock
+// (an exclusive create of the name fails), so it must count as held and,
+// once stale, be broken like a file; else a pass picks the file and waits
+// for its lock forever.
+TEST_F(Lock, SymbolicLinkAsLockFile) {
+  for (const char* target : {"nowhere", "bucket"}) {
+    SCOPED_TRACE(target);
+    std::string p = existing(dir_, "bucket");
+    ASSERT_EQ(symlink(target, (p + ".lock").c_str()), 0);
+    EXPECT_EQ(st_islocked(p.c_str()), 1);
+    EXPECT_EQ(st_lock(p.c_str()), 1);
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    EXPECT_EQ(st_force_unlock(p.c_str(), tv.tv_sec + 20), 0);
+    EXPECT_EQ(testutil::list_dir(dir_.path()), std::vector<std::string>{"bucket"}) << "only the link goes";
+  }
+}
+
 TEST(LockUnlock, ErrorNumberTable) {
   struct Case {
     int err;
