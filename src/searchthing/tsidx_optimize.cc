@@ -1,6 +1,8 @@
 #include "searchthing/tsidx_optimize.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,6 +71,30 @@ int _log_dir_entry(tsidx*, warm*, int32_t, int32_t, void* context, const char* p
   fprintf(static_cast<FILE*>(context), "tm=%ld \t%s\n", now_s(), path);
   return 0;
 }
+
+// Holds back, for its lifetime, every signal whose default action ends the
+// process and that can wait (stop requests, a broken pipe, a timer, a
+// limit), on the calling thread and the threads it starts. Faults and
+// aborts are not held; nor can SIGKILL be. The signals held arrive when the
+// old mask comes back.
+class commit_signals_held {
+ public:
+  commit_signals_held() noexcept {
+    sigset_t hold;
+    sigemptyset(&hold);
+    for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGALRM, SIGUSR1, SIGUSR2, SIGXCPU,
+                    SIGXFSZ, SIGVTALRM, SIGPROF}) {
+      sigaddset(&hold, sig);
+    }
+    pthread_sigmask(SIG_BLOCK, &hold, &old_);
+  }
+  ~commit_signals_held() { pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
+  commit_signals_held(const commit_signals_held&) = delete;
+  commit_signals_held& operator=(const commit_signals_held&) = delete;
+
+ private:
+  sigset_t old_;
+};
 
 // The pass's resources: descriptor slots of the group and the source locks
 // taken so far. Released explicitly, in the order the commit needs; what is
@@ -389,6 +415,9 @@ int _optimize_pass(tsidx* t, int32_t mode, FILE* log, uint32_t min_src_count, ui
     ps.close_slots();
     return ST_ELOCK;
   }
+  // From the move to the last unlock a stop request waits: the merged file
+  // and its sources must not both stay in the bucket.
+  const commit_signals_held held;
   if (move_retry_time(intermediate, dir, earliest, latest, log) != 0) {
     _so_log_dir_listing(t, log);
     (void)st_unlock(dir);

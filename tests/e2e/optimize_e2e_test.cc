@@ -451,6 +451,61 @@ TEST(OptimizeRun, SourceThatCannotBeRemovedStaysLocked) {
   }
 }
 
+// A stop request that arrives as the merged file is moved into place waits
+// until the sources and every lock are gone: the run ends by the signal
+// after its first pass, with every event in the bucket once.
+TEST(OptimizeRun, StopRequestDuringTheCommitWaitsForIt) {
+  for (const int sig : {SIGTERM, SIGINT, SIGHUP, SIGPIPE}) {
+    SCOPED_TRACE(strsignal(sig));
+    TempDir d;
+    auto all = fill_bucket(d.path(), 4, 3);
+    std::vector<std::string> env = kOptimizeEnv;
+    env.push_back("LD_PRELOAD=" + bin("libfailcalls.so"));
+    env.push_back("TARNIX_SIGNAL_AT_LINK=" + std::to_string(sig));
+    const char* asan = getenv("ASAN_OPTIONS");
+    env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0");
+    RunResult r = run_optimize({"-d", d.path(), "-m", "all", "-s", "2", "-i", "5"}, env);
+    // A broken pipe is ignored; the others end the run once its pass is done.
+    EXPECT_EQ(r.status, sig == SIGPIPE ? 0 : 128 + sig) << r.err;
+    const std::vector<std::string> names = tsidx_names(d.path());
+    ASSERT_EQ(names.size(), 1u);
+    expect_bucket_clean(d.path());
+    std::vector<posting> got;
+    ASSERT_TRUE(read_postings(d.file(names[0]), &got));
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, postings_of(all));
+  }
+}
+
+// Logging into a pipe nobody reads, or under a limit on file sizes, fails
+// those writes; it does not end the run (nor, in the middle of a commit,
+// leave the merged file beside its sources).
+TEST(OptimizeRun, LogWithoutReaderDoesNotStopTheRun) {
+  TempDir d;
+  auto all = fill_bucket(d.path(), 4, 3);
+  int p[2];
+  ASSERT_EQ(pipe(p), 0);
+  close(p[0]);
+  const std::string prog = bin("tarnix-optimize");
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    dup2(p[1], 2);
+    setenv("OPTIMISTIC_ABOUT_FILE_LOCKING", "1", 1);
+    execl(prog.c_str(), prog.c_str(), "-d", d.path().c_str(), "-m", "all", "-v", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(p[1]);
+  EXPECT_EQ(wait_status(pid), 0);
+  const std::vector<std::string> names = tsidx_names(d.path());
+  ASSERT_EQ(names.size(), 1u);
+  expect_bucket_clean(d.path());
+  std::vector<posting> got;
+  ASSERT_TRUE(read_postings(d.file(names[0]), &got));
+  std::sort(got.begin(), got.end());
+  EXPECT_EQ(got, postings_of(all));
+}
+
 // The same events indexed twice: without --tstats each twin pair becomes
 // one value of the merged file, with it both stay.
 TEST(OptimizeRun, TstatsKeepsTwinValuesApart) {

@@ -10,6 +10,8 @@
 //                             in S closes it and then fails with E
 //   TARNIX_FAIL_UNLINK=S:E    unlink() of a path ending in S fails with E and
 //                             removes nothing
+//   TARNIX_SIGNAL_AT_LINK=G   link() first sends signal G to the process
+//                             (as a stop request from outside would come)
 //   TARNIX_FIXED_TIME=T       gettimeofday() always gives T seconds and rand()
 //                             always 0, so that every file name the program
 //                             makes is known beforehand (nothing may wait for
@@ -19,6 +21,7 @@
 #undef _FORTIFY_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -42,6 +45,7 @@ struct rule {
 };
 
 rule link_rule, open_rule, close_rule, unlink_rule;
+int link_signal = 0;
 bool time_fixed = false;
 long fixed_seconds = 0;
 std::atomic<long> opens_seen{0};
@@ -100,6 +104,10 @@ __attribute__((constructor)) void read_settings() {
     unlink_rule.on = true;
     unlink_rule.err = static_cast<int>(n[0]);
   }
+  if (const char* v = getenv("TARNIX_SIGNAL_AT_LINK")) {
+    link_signal = atoi(v);
+    if (link_signal <= 0) bad_setting("TARNIX_SIGNAL_AT_LINK");
+  }
   if (const char* v = getenv("TARNIX_FIXED_TIME")) {
     char* stop = nullptr;
     fixed_seconds = strtol(v, &stop, 10);
@@ -136,6 +144,7 @@ int open_through(const char* name, const char* path, int flags, mode_t mode) {
 extern "C" {
 
 int link(const char* from, const char* to) noexcept {
+  if (link_signal != 0) kill(getpid(), link_signal);
   if (link_rule.on) {
     errno = link_rule.err;
     return -1;
