@@ -133,13 +133,18 @@ tsidx* st_tsidx_open(const char* path, uint32_t open_flags, int read_params, uin
   ST_ASSERT_TEXT(path != nullptr, "path != ((void *)0)");
   tsidx* t = new (std::nothrow) tsidx{};
   if (t == nullptr) return nullptr;
+  // Kept without trailing slashes: the directory's lock is its path with
+  // ".lock" appended, and "dir/" must not lock "dir/.lock" while another
+  // process, given "dir", locks "dir.lock".
   size_t n = strlen(path);
+  while (n > 1 && path[n - 1] == '/') --n;
   t->path = new (std::nothrow) char[n + 1];
   if (t->path == nullptr) {
     delete t;
     return nullptr;
   }
-  memcpy(t->path, path, n + 1);
+  memcpy(t->path, path, n);
+  t->path[n] = '\0';
   t->max_term_chars = ST_TSIDX_DEFAULT_LIMIT;
   t->max_terms = ST_TSIDX_DEFAULT_LIMIT;
   t->max_postings = ST_TSIDX_DEFAULT_LIMIT;
@@ -430,7 +435,9 @@ int _st_tsidx_move_into_place(const char* from, char* to, const char* dir, const
   int err = 0;
   for (int attempt = 1; attempt <= ST_TSIDX_MOVE_ATTEMPTS; ++attempt) {
     // A fresh name each time: the id is what makes it unique.
-    st_warm_slice_filename(to, dir, ".tsidx", w);
+    if (!_filename_from_time(to, dir, ".tsidx", st_warm_slice_earliest(w), st_warm_slice_latest(w))) {
+      return ENAMETOOLONG;
+    }
     err = move(from, to, nullptr);
     if (err == 0) return 0;
     // Running out of descriptors or memory passes; anything else will not.

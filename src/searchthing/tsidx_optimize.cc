@@ -222,7 +222,10 @@ int move_retry_time(const char* intermediate, const char* dir, int32_t earliest,
   for (int attempt = 0; attempt < SO_MOVE_ATTEMPTS; ++attempt) {
     // Every attempt draws a new id: the usual reason for a failed link is a
     // name that somebody else took.
-    st_warm_slice_filename_from_time(target, dir, ".tsidx", earliest, latest);
+    if (!_filename_from_time(target, dir, ".tsidx", earliest, latest)) {
+      err = ENAMETOOLONG;
+      break;
+    }
     err = _link_and_unlink(intermediate, target, log);
     if (err == 0) {
       if (log != nullptr) {

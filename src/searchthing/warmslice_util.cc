@@ -92,6 +92,12 @@ uint64_t st_unique_id() noexcept {
 
 char* st_warm_slice_filename_from_time(char* dst, const char* prefix, const char* suffix,
                                        int32_t earliest, int32_t latest) noexcept {
+  (void)_filename_from_time(dst, prefix, suffix, earliest, latest);
+  return dst;
+}
+
+bool _filename_from_time(char* dst, const char* prefix, const char* suffix, int32_t earliest,
+                         int32_t latest) noexcept {
   ST_ASSERT_TEXT(prefix != nullptr, "prefix != ((void *)0)");
   ST_ASSERT_TEXT(*prefix != '\0', "*prefix != '\\0'");
   // The prefix is used as a copy without its trailing '/'.
@@ -103,15 +109,17 @@ char* st_warm_slice_filename_from_time(char* dst, const char* prefix, const char
   const char* sfx = suffix == nullptr ? "" : suffix;
   // Assembled by hand, cut at the buffer's end like a formatted write would be.
   size_t pos = 0;
+  bool whole = true;
   for (const auto& [p, n] : {std::pair<const char*, size_t>{prefix, plen},
                              std::pair<const char*, size_t>{tail, strlen(tail)},
                              std::pair<const char*, size_t>{sfx, strlen(sfx)}}) {
     size_t take = n < PATH_BUF_SZ - 1 - pos ? n : PATH_BUF_SZ - 1 - pos;
+    whole = whole && take == n;
     memcpy(dst + pos, p, take);
     pos += take;
   }
   dst[pos] = '\0';
-  return dst;
+  return whole;
 }
 
 }  // namespace tarnix

@@ -136,6 +136,10 @@ uint64_t st_unique_id() noexcept;
 // unique id, suffix; into dst of PATH_BUF_SZ bytes. Returns dst.
 char* st_warm_slice_filename_from_time(char* dst, const char* prefix, const char* suffix,
                                        int32_t earliest, int32_t latest) noexcept;
+// The same; false when the name did not fit and was cut at the buffer's end
+// (a file must never be made under such a name: it has lost its suffix).
+bool _filename_from_time(char* dst, const char* prefix, const char* suffix, int32_t earliest,
+                         int32_t latest) noexcept;
 
 // ---- Fixed-size record arrays ------------------------------------------------
 // Array writer: records appended to a buffer, written with one positional

@@ -164,7 +164,9 @@ warm* _warm_slice_create(hot_slice* hot, char* filename, const char* prefix, con
   w->map.len = file_sz;
   w->postings_size = written;
 
-  st_warm_slice_filename_from_time(filename, prefix, suffix, earliest, latest);
+  if (!_filename_from_time(filename, prefix, suffix, earliest, latest)) {
+    return fail(w, wrc_o, WS_EOPEN, ENAMETOOLONG);
+  }
   const int fd = open(filename, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return fail(w, wrc_o, WS_EOPEN, errno);
   uint64_t done = 0;

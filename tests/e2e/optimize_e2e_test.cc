@@ -124,6 +124,13 @@ TEST(OptimizeRun, UnusableDirectoryFails) {
   EXPECT_EQ(r.status, 255);
   EXPECT_TRUE(pattern_match(r.err, "{*}" + failed_pass("-1"))) << r.err;
   EXPECT_EQ(list_dir(d.path()), std::vector<std::string>{"not-a-dir"});
+
+  // An empty name is no directory: no status file in the root directory.
+  if (exists("/optimize.result")) return;
+  r = run_optimize({"-d", "", "--final"}, {"LOG_TARNIX_OPTIMIZE", "OPTIMISTIC_ABOUT_FILE_LOCKING"});
+  EXPECT_EQ(r.status, 227);
+  EXPECT_FALSE(exists("/optimize.result"));
+  unlink("/optimize.result");
 }
 
 TEST(OptimizeRun, ExtraSpaceLimitCutsTheGroup) {

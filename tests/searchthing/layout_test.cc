@@ -108,4 +108,26 @@ TEST(FileNames, FormatAndUniqueness) {
   EXPECT_GT(ids.size(), 990u);
 }
 
+// A name too long for the buffer is cut at its end like a formatted write,
+// and the builder says so: such a name has lost its suffix.
+TEST(FileNames, CutNamesAreReported) {
+  char name[PATH_BUF_SZ];
+  bool was_whole = false, was_cut = false;
+  for (size_t len = PATH_BUF_SZ - 80; len < PATH_BUF_SZ + 10; ++len) {
+    const std::string prefix = "/" + std::string(len - 1, 'p');
+    const bool whole = _filename_from_time(name, prefix.c_str(), ".tsidx", -5, 100);
+    const std::string got(name);
+    if (whole) {
+      EXPECT_FALSE(was_cut) << len << ": a longer prefix fits again";
+      EXPECT_EQ(got.rfind(prefix + "/100--5-", 0), 0u) << len;
+      EXPECT_EQ(got.substr(got.size() - 6), ".tsidx") << len;
+      was_whole = true;
+    } else {
+      EXPECT_EQ(got.size(), PATH_BUF_SZ - 1) << len;
+      was_cut = true;
+    }
+  }
+  EXPECT_TRUE(was_whole && was_cut);
+}
+
 }  // namespace

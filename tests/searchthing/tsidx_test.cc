@@ -176,6 +176,19 @@ TEST(TsidxHandle, OpenSetsDefaultsAndCopiesThePath) {
   EXPECT_EQ(st_tsidx_close(t.release()), 0);
 }
 
+// The path is kept without trailing slashes, so that every spelling of a
+// directory with them names the same directory lock ("<path>.lock").
+TEST(TsidxHandle, PathLosesItsTrailingSlashes) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"/a/b/", "/a/b"}, {"/a/b///", "/a/b"}, {"a/", "a"}, {"/", "/"}, {"//", "/"}, {"", ""}, {"a//b", "a//b"},
+  };
+  for (const auto& [given, kept] : cases) {
+    TsidxPtr t = open_dir(given, 0, 0, 0);
+    ASSERT_NE(t, nullptr);
+    EXPECT_STREQ(t->path, kept) << given;
+  }
+}
+
 TEST(TsidxParams, FileCases) {
   const std::string H = ST_PARAMS_HEADER;
   const std::vector<uint64_t> none;  // the file is not taken: the defaults stay
@@ -381,6 +394,26 @@ TEST(TsidxFlushFailure, MissingDirectoryResetsTheSliceAndCloseReportsIt) {
   EXPECT_EQ(st_hot_slice_values(t->hot_slice), 0u);
   EXPECT_EQ(st_tsidx_close(t.release()), 0) << "nothing left to flush";
   EXPECT_EQ(st_tsidx_close(u), -6);
+}
+
+// A bucket whose path leaves no room for a whole file name: the flush
+// fails as an open of too long a name would, and makes no file under a
+// name cut short (it would have lost its suffix).
+TEST(TsidxFlushFailure, NameTooLongForTheBufferMakesNoFile) {
+  TempDir d;
+  std::string deep = d.path();
+  while (deep.size() + 201 < PATH_BUF_SZ - 26) {
+    deep += "/" + std::string(200, 'd');
+    ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
+  }
+  deep += "/" + std::string(PATH_BUF_SZ - 26 - deep.size() - 1, 'e');
+  ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
+  TsidxPtr t = open_dir(deep);
+  for (uint32_t e = 1; e <= 5; ++e) put_event(t.get(), e);
+  EXPECT_EQ(st_tsidx_sync(t.get()), -6);
+  EXPECT_EQ(st_tsidx_warm_rc(t.get()), WS_EOPEN);
+  EXPECT_EQ(t->wrc.warm_errno, ENAMETOOLONG);
+  EXPECT_EQ(testutil::list_dir(deep), std::vector<std::string>{});
 }
 
 // The move into place, with a scripted link.
