@@ -289,7 +289,7 @@ fclex* st_fclex_open_fd(int fd, uint64_t offset) noexcept {
   // count that the file cannot hold. It still takes a whole first term.
   uint64_t nblocks = _how_many_blocks_helper(count, tperb);
   uint8_t last[4];
-  if (!_pread_verify(fd, last, 4, offset + FCLEX_HEADER_SZ + 4 * nblocks - 4, "reading fclex body"))
+  if (!_pread_verify(fd, last, 4, offset + FCLEX_HEADER_SZ + 4 * nblocks - 4, "error reading last block offset"))
     return nullptr;
   uint64_t blocks_sz = load_be32(last);
   struct stat st {};

@@ -102,7 +102,7 @@ bool _filename_from_time(char* dst, const char* prefix, const char* suffix, int3
   ST_ASSERT_TEXT(*prefix != '\0', "*prefix != '\\0'");
   // The prefix is used as a copy without its trailing '/'.
   size_t plen = strlen(prefix);
-  if (plen > 1 && prefix[plen - 1] == '/') --plen;
+  if (plen > 0 && prefix[plen - 1] == '/') --plen;
   char tail[96];
   snprintf(tail, sizeof(tail), "/%d-%d-%llu", latest, earliest,
            static_cast<unsigned long long>(st_unique_id()));

@@ -102,6 +102,8 @@ TEST(FileNames, FormatAndUniqueness) {
   EXPECT_EQ(sa.rfind("/x/bucket/100--5-", 0), 0u) << sa;
   EXPECT_EQ(sa.substr(sa.size() - 6), ".tsidx");
   EXPECT_NE(sa, sb);
+  st_warm_slice_filename_from_time(a, "/", ".tsidx", -5, 100);
+  EXPECT_EQ(std::string(a).rfind("/100--5-", 0), 0u) << a;
   // Ids drawn in a burst are all distinct.
   std::set<uint64_t> ids;
   for (int i = 0; i < 1000; ++i) ids.insert(st_unique_id());
