@@ -429,8 +429,10 @@ uint32_t* _merge_values(const int* src_fds, const warm_header* src_hdrs, uint32_
     {
       value_cxt* cxt = &cx[best_i];
       for (;;) {
-        // At equal records the draining source goes on, so the earlier
-        // source's copy is taken first.
+        // At equal records the draining source goes on: a value that a scan
+        // finds in several sources comes first from the earliest of them,
+        // but one that the draining source reaches while it equals another
+        // source's head comes first from the draining source.
         if (active > 1 && st_tsval_compare(&best, &second) > 0) break;
         ST_ASSERT_TEXT(cxt->cursor < cxt->reader._num_values, "cxt->cursor < cxt->reader._num_values");
         uint8_t rec[TSVAL_RECORD_SZ];
