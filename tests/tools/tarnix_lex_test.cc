@@ -19,6 +19,7 @@
 #include "testutil/bucket_reader.h"
 #include "testutil/optimize_bucket.h"
 #include "testutil/testutil.h"
+#include "testutil/warmfile.h"
 
 using testutil::exists;
 using testutil::RunResult;
@@ -258,6 +259,17 @@ TEST(TarnixLex, ListRefusesWhatItCannotRead) {
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err.rfind(c.err_start, 0), 0u) << r.err;
   }
+}
+
+// One term per line whatever its bytes: control bytes, the backslash and
+// bytes above ASCII are written as \xNN.
+TEST(TarnixLex, ListEscapesBytesThatAreNotPrintable) {
+  TempDir dir;
+  const std::vector<std::string> terms = {"a\tb", "c\nd", "e\\f", "g h~", "\xff"};
+  testutil::write_file(dir.file("odd.lex"), testutil::build_lexicon_file(terms, {1, 2, 3, 4, 5}, 2));
+  RunResult r = lex({"--list", dir.file("odd.lex")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "a\\x09b\t1\nc\\x0Ad\t2\ne\\x5Cf\t3\ng h~\t4\n\\xFF\t5\n");
 }
 
 // A lexicon-only file under an index file's name has no metadata for the

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "../tarnix-check/inspect.h"
+#include "common/text.h"
 
 using namespace tarnix;
 using namespace tarnix::inspect;
@@ -41,21 +42,6 @@ struct options {
   bool postings = false, events = false;
   uint64_t limit = 0;
 };
-
-// A term for text output: printable bytes as they are, others as \xNN.
-std::string plain(std::string_view t) {
-  std::string s;
-  for (unsigned char c : t) {
-    if (c >= 0x20 && c < 0x7F && c != '\\') {
-      s += static_cast<char>(c);
-    } else {
-      char b[8];
-      snprintf(b, sizeof(b), "\\x%02X", c);
-      s += b;
-    }
-  }
-  return s;
-}
 
 int fail(const std::string& msg) {
   fflush(stdout);
@@ -213,9 +199,9 @@ class dumper {
                  static_cast<int32_t>(load_be32(m + 8)));
         printf("}");
       } else if (lexonly_) {
-        printf("%s\t%u\n", plain(t).c_str(), count);
+        printf("%s\t%u\n", tools::plain_term(t).c_str(), count);
       } else {
-        printf("%s\t%u\t%d\t%d\n", plain(t).c_str(), count, static_cast<int32_t>(load_be32(m + 4)),
+        printf("%s\t%u\t%d\t%d\n", tools::plain_term(t).c_str(), count, static_cast<int32_t>(load_be32(m + 4)),
                static_cast<int32_t>(load_be32(m + 8)));
       }
       first = false;

@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "common/args.h"
+#include "common/text.h"
 #include "searchthing/lock.h"
 #include "searchthing/merged_lex.h"
 #include "searchthing/result.h"
@@ -50,7 +51,8 @@ constexpr const char USAGE[] =
     "DIR/optimize.result. A MIN_COUNT that no term reaches is refused before\n"
     "anything is written (exit status 1).\n"
     "The third prints \"TERM<tab>COUNT\" for every term of a lexicon-only file\n"
-    "(or index file), only those beginning with P when --prefix is given.\n"
+    "(or index file), only those beginning with P when --prefix is given;\n"
+    "bytes of a term outside printable ASCII, and the backslash, as \\xNN.\n"
     "Counts are read in this machine's byte order for a file named\n"
     "\"filtered_merged_lexicon.lex\" or with --native-counts, else big-endian.\n"
     "\n"
@@ -152,8 +154,7 @@ int print_term(const char* term, uint32_t len, uint32_t count, void* cookie) {
   const auto* s = static_cast<const list_state*>(cookie);
   std::string_view t(term, len);
   if (t.substr(0, s->prefix.size()) != s->prefix) return 0;
-  fwrite(term, 1, len, stdout);
-  printf("\t%u\n", count);
+  printf("%s\t%u\n", tools::plain_term(t).c_str(), count);
   return 0;
 }
 
