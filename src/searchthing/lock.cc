@@ -27,20 +27,7 @@ constexpr char UNINITIALIZED_TEXT[] = "0\nuninitialized";
 
 int real_fs_type(const char* path, uint32_t* type, void*) {
   struct statfs sfs;
-  if (statfs(path, &sfs) != 0) {
-    // A dangling symbolic link (a lock file left as one, whose own lock is
-    // taken to break it) is on the file system of its directory.
-    struct stat st;
-    if (errno != ENOENT || lstat(path, &st) != 0 || !S_ISLNK(st.st_mode)) return -1;
-    char dir[ST_LOCK_PATH_SZ] = ".";
-    if (const char* slash = strrchr(path, '/')) {
-      const size_t len = slash == path ? 1 : static_cast<size_t>(slash - path);
-      if (len >= sizeof dir) return -1;
-      memcpy(dir, path, len);
-      dir[len] = '\0';
-    }
-    if (statfs(dir, &sfs) != 0) return -1;
-  }
+  if (statfs(path, &sfs) != 0) return -1;
   // VxFS's magic has its top bit set: compare every type as 32 bits.
   *type = static_cast<uint32_t>(sfs.f_type);
   return 0;
@@ -297,6 +284,37 @@ int st_forced_lock(const char* path, int seconds) noexcept {
 
 namespace {
 
+// The world of the second-level lock, taken on the name of a lock file: a
+// lock file that is a symbolic link (dangling, looping, or pointing to
+// another file system) is on the file system of its own directory, so that
+// a stale one can be broken like a file.
+struct lock_file_world {
+  const lock_env* outer;
+  lock_env env;
+};
+
+int lock_file_fs_type(const char* path, uint32_t* type, void* ctx) {
+  const lock_env* outer = static_cast<lock_file_world*>(ctx)->outer;
+  struct stat st;
+  if (lstat(path, &st) != 0 || !S_ISLNK(st.st_mode)) return outer->fs_type(path, type, outer->ctx);
+  char dir[ST_LOCK_PATH_SZ] = ".";
+  if (const char* slash = strrchr(path, '/')) {
+    const size_t len = slash == path ? 1 : static_cast<size_t>(slash - path);
+    if (len >= sizeof dir) return -1;
+    memcpy(dir, path, len);
+    dir[len] = '\0';
+  }
+  return outer->fs_type(dir, type, outer->ctx);
+}
+int64_t lock_file_now_ms(void* ctx) {
+  const lock_env* outer = static_cast<lock_file_world*>(ctx)->outer;
+  return outer->now_ms(outer->ctx);
+}
+void lock_file_sleep_us(uint32_t us, void* ctx) {
+  const lock_env* outer = static_cast<lock_file_world*>(ctx)->outer;
+  outer->sleep_us(us, outer->ctx);
+}
+
 // Status-change time of the lock file itself (a link is not followed).
 int lock_ctime_ms(const char* lock, int64_t* out_ms) noexcept {
   struct stat st;
@@ -318,7 +336,9 @@ int _st_force_unlock_with(const char* path, int64_t since, const lock_env* env) 
 
   // Serialise the breakers: whoever holds the lock's lock re-checks that the
   // lock is still the stale one before removing it.
-  if (_st_forced_lock_with(lock, 10, env) != 0) return -1;
+  lock_file_world world{env, {lock_file_fs_type, lock_file_now_ms, lock_file_sleep_us, nullptr}};
+  world.env.ctx = &world;
+  if (_st_forced_lock_with(lock, 10, &world.env) != 0) return -1;
   int r;
   if (lock_ctime_ms(lock, &ctime_ms) != 0) {
     r = -1;

@@ -64,10 +64,9 @@ int32_t st_optimize(const char* dir, int32_t mode, int isfinal, int32_t max_iter
     (void)st_tsidx_close(t);
   }
 
-  if (isfinal && dir != nullptr && *dir != '\0') {
+  if (isfinal && dir != nullptr) {
     // An empty file that says a final run has finished, whatever its
-    // outcome; an existing one is left as it is. An empty directory name
-    // names no directory (its status file would be "/optimize.result").
+    // outcome; an existing one is left as it is.
     char status[PATH_BUF_SZ];
     int fd = open(so_status_filename(dir, status), O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC,
                   0600);

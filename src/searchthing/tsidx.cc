@@ -133,18 +133,13 @@ tsidx* st_tsidx_open(const char* path, uint32_t open_flags, int read_params, uin
   ST_ASSERT_TEXT(path != nullptr, "path != ((void *)0)");
   tsidx* t = new (std::nothrow) tsidx{};
   if (t == nullptr) return nullptr;
-  // Kept without trailing slashes: the directory's lock is its path with
-  // ".lock" appended, and "dir/" must not lock "dir/.lock" while another
-  // process, given "dir", locks "dir.lock".
   size_t n = strlen(path);
-  while (n > 1 && path[n - 1] == '/') --n;
   t->path = new (std::nothrow) char[n + 1];
   if (t->path == nullptr) {
     delete t;
     return nullptr;
   }
-  memcpy(t->path, path, n);
-  t->path[n] = '\0';
+  memcpy(t->path, path, n + 1);
   t->max_term_chars = ST_TSIDX_DEFAULT_LIMIT;
   t->max_terms = ST_TSIDX_DEFAULT_LIMIT;
   t->max_postings = ST_TSIDX_DEFAULT_LIMIT;

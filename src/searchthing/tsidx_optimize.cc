@@ -72,20 +72,18 @@ int _log_dir_entry(tsidx*, warm*, int32_t, int32_t, void* context, const char* p
   return 0;
 }
 
-// Holds back, for its lifetime, every signal whose default action ends the
-// process and that can wait (stop requests, a broken pipe, a timer, a
-// limit), on the calling thread and the threads it starts. Faults and
-// aborts are not held; nor can SIGKILL be. The signals held arrive when the
-// old mask comes back.
+// Holds back, for its lifetime, every signal that can wait (stop requests,
+// a broken pipe, timers, limits, real-time and user signals), on the
+// calling thread and the threads it starts. Only the faults a thread
+// raises itself stay open, so that a crash is still reported; SIGKILL and
+// SIGSTOP cannot be held. The signals held arrive when the old mask comes
+// back.
 class commit_signals_held {
  public:
   commit_signals_held() noexcept {
     sigset_t hold;
-    sigemptyset(&hold);
-    for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGALRM, SIGUSR1, SIGUSR2, SIGXCPU,
-                    SIGXFSZ, SIGVTALRM, SIGPROF}) {
-      sigaddset(&hold, sig);
-    }
+    sigfillset(&hold);
+    for (int sig : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS}) sigdelset(&hold, sig);
     pthread_sigmask(SIG_BLOCK, &hold, &old_);
   }
   ~commit_signals_held() { pthread_sigmask(SIG_SETMASK, &old_, nullptr); }

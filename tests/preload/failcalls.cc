@@ -10,8 +10,8 @@
 //                             in S closes it and then fails with E
 //   TARNIX_FAIL_UNLINK=S:E    unlink() of a path ending in S fails with E and
 //                             removes nothing
-//   TARNIX_SIGNAL_AT_LINK=G   link() first sends signal G to the process
-//                             (as a stop request from outside would come)
+//   TARNIX_SIGNAL_AT_LINK=G   link() links and then sends signal G to the
+//                             process (as a stop request from outside would)
 //   TARNIX_FIXED_TIME=T       gettimeofday() always gives T seconds and rand()
 //                             always 0, so that every file name the program
 //                             makes is known beforehand (nothing may wait for
@@ -144,13 +144,18 @@ int open_through(const char* name, const char* path, int flags, mode_t mode) {
 extern "C" {
 
 int link(const char* from, const char* to) noexcept {
-  if (link_signal != 0) kill(getpid(), link_signal);
   if (link_rule.on) {
     errno = link_rule.err;
     return -1;
   }
   static auto real = next<int (*)(const char*, const char*)>("link");
-  return real(from, to);
+  const int r = real(from, to);
+  if (link_signal != 0) {
+    const int err = errno;
+    kill(getpid(), link_signal);
+    errno = err;
+  }
+  return r;
 }
 
 int open(const char* path, int flags, ...) {

@@ -282,7 +282,7 @@ TEST_F(Lock, ForceUnlockKeepsALockNewerThanSince) {
 // once stale, be broken like a file; else a pass picks the file and waits
 // for its lock forever.
 TEST_F(Lock, SymbolicLinkAsLockFile) {
-  for (const char* target : {"nowhere", "bucket"}) {
+  for (const char* target : {"nowhere", "bucket", "bucket.lock"}) {
     SCOPED_TRACE(target);
     std::string p = existing(dir_, "bucket");
     ASSERT_EQ(symlink(target, (p + ".lock").c_str()), 0);
@@ -293,6 +293,9 @@ TEST_F(Lock, SymbolicLinkAsLockFile) {
     EXPECT_EQ(st_force_unlock(p.c_str(), tv.tv_sec + 20), 0);
     EXPECT_EQ(testutil::list_dir(dir_.path()), std::vector<std::string>{"bucket"}) << "only the link goes";
   }
+  // A locked path that is a dangling link has no file system to trust.
+  ASSERT_EQ(symlink("nowhere", dir_.file("gone").c_str()), 0);
+  EXPECT_EQ(st_lock(dir_.file("gone").c_str()), -1);
 }
 
 TEST(LockUnlock, ErrorNumberTable) {

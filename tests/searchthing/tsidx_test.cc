@@ -176,19 +176,6 @@ TEST(TsidxHandle, OpenSetsDefaultsAndCopiesThePath) {
   EXPECT_EQ(st_tsidx_close(t.release()), 0);
 }
 
-// The path is kept without trailing slashes, so that every spelling of a
-// directory with them names the same directory lock ("<path>.lock").
-TEST(TsidxHandle, PathLosesItsTrailingSlashes) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"/a/b/", "/a/b"}, {"/a/b///", "/a/b"}, {"a/", "a"}, {"/", "/"}, {"//", "/"}, {"", ""}, {"a//b", "a//b"},
-  };
-  for (const auto& [given, kept] : cases) {
-    TsidxPtr t = open_dir(given, 0, 0, 0);
-    ASSERT_NE(t, nullptr);
-    EXPECT_STREQ(t->path, kept) << given;
-  }
-}
-
 TEST(TsidxParams, FileCases) {
   const std::string H = ST_PARAMS_HEADER;
   const std::vector<uint64_t> none;  // the file is not taken: the defaults stay
