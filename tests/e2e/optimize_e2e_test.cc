@@ -451,6 +451,17 @@ TEST(OptimizeRun, SourceThatCannotBeRemovedStaysLocked) {
   }
 }
 
+// One merged file holding every event once, and a clean bucket.
+void expect_merged_once(const std::string& dir, const std::vector<event>& all) {
+  const std::vector<std::string> names = tsidx_names(dir);
+  ASSERT_EQ(names.size(), 1u);
+  expect_bucket_clean(dir);
+  std::vector<posting> got;
+  ASSERT_TRUE(read_postings(dir + "/" + names[0], &got));
+  std::sort(got.begin(), got.end());
+  EXPECT_EQ(got, postings_of(all));
+}
+
 // A signal that arrives once the merged file is in place waits until the
 // sources and every lock are gone: the run ends by the signal after its
 // first pass, with every event in the bucket once.
@@ -467,13 +478,7 @@ TEST(OptimizeRun, StopRequestDuringTheCommitWaitsForIt) {
     RunResult r = run_optimize({"-d", d.path(), "-m", "all", "-s", "2", "-i", "5"}, env);
     // A broken pipe is ignored; the others end the run once its pass is done.
     EXPECT_EQ(r.status, sig == SIGPIPE ? 0 : 128 + sig) << r.err;
-    const std::vector<std::string> names = tsidx_names(d.path());
-    ASSERT_EQ(names.size(), 1u);
-    expect_bucket_clean(d.path());
-    std::vector<posting> got;
-    ASSERT_TRUE(read_postings(d.file(names[0]), &got));
-    std::sort(got.begin(), got.end());
-    EXPECT_EQ(got, postings_of(all));
+    expect_merged_once(d.path(), all);
   }
 }
 
@@ -497,13 +502,7 @@ TEST(OptimizeRun, LogWithoutReaderDoesNotStopTheRun) {
   }
   close(p[1]);
   EXPECT_EQ(wait_status(pid), 0);
-  const std::vector<std::string> names = tsidx_names(d.path());
-  ASSERT_EQ(names.size(), 1u);
-  expect_bucket_clean(d.path());
-  std::vector<posting> got;
-  ASSERT_TRUE(read_postings(d.file(names[0]), &got));
-  std::sort(got.begin(), got.end());
-  EXPECT_EQ(got, postings_of(all));
+  expect_merged_once(d.path(), all);
 }
 
 // The same events indexed twice: without --tstats each twin pair becomes
