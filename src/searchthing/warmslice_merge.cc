@@ -310,6 +310,22 @@ inline int advance(posting_src* s) noexcept {
   return fill(s, &beyond);
 }
 
+// A source whose header says it holds no terms takes no part in the
+// lexicon and posting merges. Such a file is its fixed part and an empty
+// lexicon (two for the versions with a reverse one), without postings. A
+// header that says so over anything else is damaged: merged, the file's
+// terms would be left out, and the file then removed.
+int check_source_without_terms(int fd, const warm_header* h) noexcept {
+  constexpr uint64_t EMPTY_LEXICON_SZ = 12;
+  const uint64_t lex_off = _offset_fclex(h);
+  uint64_t end = lex_off + EMPTY_LEXICON_SZ;
+  if (_has_reverse_lex(h)) end = ((end + 3) & ~uint64_t{3}) + EMPTY_LEXICON_SZ;
+  uint8_t count[4];
+  if (!st_pread_full(fd, count, sizeof count, lex_off)) return WS_EREAD;
+  if (load_be32(count) != 0 || hdr_num_postings(h) != 0 || file_length(fd) > end) return WS_EDATA;
+  return 0;
+}
+
 }  // namespace
 
 uint32_t get_nbits_d(const warm_header* h) noexcept {
@@ -332,6 +348,13 @@ warm_header* _read_src_headers(const int* src_fds, uint32_t src_count, wrc* w) n
     if (!verify_magic(h)) {
       _set_rc_verbose(w, WS_EMAGIC, static_cast<int>(i), "invalid magic");
       return nullptr;
+    }
+    if (hdr_num_terms(h) == 0) {
+      const int rc = check_source_without_terms(src_fds[i], h);
+      if (rc != 0) {
+        _set_rc_verbose(w, rc, static_cast<int>(i), "header without terms over a file with terms");
+        return nullptr;
+      }
     }
   }
   return hdrs.release();

@@ -430,8 +430,10 @@ TEST_F(MergeTest, ColumnWidthsAreTheWidestSources) {
 TEST_F(MergeTest, SourcesWithoutTermsTakeNoPartInTheLexicon) {
   ModelFile empty = file_of({{60, 1}, {5, 1}}, {});
   ModelFile full = file_of({{30, 2}}, {{"k", {0}}, {"l", {0}}});
-  ModelFile got = merge_and_check({empty, full, empty});
-  EXPECT_EQ(got.values.size(), 3u);
+  ModelFile old_empty = file_of({{20, 3}}, {});
+  old_empty.magic = "Tarnix4";
+  ModelFile got = merge_and_check({empty, full, old_empty, empty});
+  EXPECT_EQ(got.values.size(), 4u);
   EXPECT_EQ(got.terms[0].ids, std::vector<uint32_t>{1});
   // No terms anywhere: the merge fails with -1 and leaves no header.
   MergeRun r = merge_files({file_bytes(empty), file_bytes(empty)});
@@ -518,6 +520,8 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
     store_be32(&b[l.fclex], v);
     return b;
   };
+  bytes without_terms_or_postings = with(HDR_NUM_TERMS, 0);
+  store_be32(&without_terms_or_postings[HDR_NUM_POSTINGS], 0);
   struct Case {
     const char* what;
     bytes file;  // the second source, after first
@@ -545,6 +549,11 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
       {"lexicon of one term fewer", lexicon_count(49), WS_EDATA, 1,
        "lexicon term count differs from the header in st_fclex_merge_n"},
       {"lexicon without terms", lexicon_count(0), WS_EEMPTYLEX, 1, "_lex_reader_open in st_fclex_merge_n"},
+      // A header that says there are no terms would leave the file's terms
+      // out of the merge, and the file would then be removed.
+      {"header without terms", with(HDR_NUM_TERMS, 0), WS_EDATA, 1, "header without terms over a file with terms"},
+      {"header without terms or postings", without_terms_or_postings, WS_EDATA, 1,
+       "header without terms over a file with terms"},
       // An empty list for a term the lexicon says the source holds.
       {"empty list", file_bytes(file_of({{10, 1}}, {{"p", {}}, {"q", {0}}})), WS_ENOTAVAIL, 1,
        "src_tsval_id is UINT_MAX in _merge_all_postings"},
