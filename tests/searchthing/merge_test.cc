@@ -522,6 +522,14 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
   };
   bytes without_terms_or_postings = with(HDR_NUM_TERMS, 0);
   store_be32(&without_terms_or_postings[HDR_NUM_POSTINGS], 0);
+  // Versions 3 to 5 find their postings after a second, reverse lexicon:
+  // one that cannot be sized leaves nowhere to read them from.
+  ModelFile old = m;
+  old.magic = "Tarnix4";
+  bytes unsizable_reverse = file_bytes(old);
+  const uint64_t old_lex = testutil::layout_of(unsizable_reverse).fclex;
+  const uint64_t reverse_at = (old_lex + testutil::lexicon_size(&unsizable_reverse[old_lex]) + 3) & ~uint64_t{3};
+  store_be32(&unsizable_reverse[reverse_at + 4], 0);  // terms per block
   struct Case {
     const char* what;
     bytes file;  // the second source, after first
@@ -554,6 +562,7 @@ TEST_F(MergeTest, DamagedSourcesGiveCodesNotCrashes) {
       {"header without terms", with(HDR_NUM_TERMS, 0), WS_EDATA, 1, "header without terms over a file with terms"},
       {"header without terms or postings", without_terms_or_postings, WS_EDATA, 1,
        "header without terms over a file with terms"},
+      {"reverse lexicon without blocks", unsizable_reverse, WS_ELEX, 1, "st_fclex_size_fd for reverse lex"},
       // An empty list for a term the lexicon says the source holds.
       {"empty list", file_bytes(file_of({{10, 1}}, {{"p", {}}, {"q", {0}}})), WS_ENOTAVAIL, 1,
        "src_tsval_id is UINT_MAX in _merge_all_postings"},
@@ -915,6 +924,36 @@ TEST_F(MergeTest, ThreadedMergeMatchesThePhasesInTurn) {
     }
   }
   EXPECT_GE(faults, 6);
+
+  // Two sources damaged at once, each in a part that another thread may
+  // merge: the threaded merge still reports the failure the phases in turn
+  // meet first.
+  const testutil::ModelLayout l2 = testutil::layout_of(files[2]);
+  struct pair_damage {
+    const char* what;
+    uint64_t at2, at_last;
+  } pairs[] = {
+      {"postings of both", l2.postings + (l2.size - l2.postings) / 4, l.postings + (l.size - l.postings) * 3 / 4},
+      {"upper postings, lower lexicon", l2.postings + (l2.size - l2.postings) * 3 / 4,
+       l.fclex + (l.postings - l.fclex) / 4},
+      {"lexicons of both", l2.fclex + (l2.postings - l2.fclex) * 3 / 4, l.fclex + (l.postings - l.fclex) / 4},
+  };
+  int both = 0;
+  for (const pair_damage& d : pairs) {
+    for (uint8_t byte : {uint8_t{0x00}, uint8_t{0xFF}}) {
+      SCOPED_TRACE(std::string(d.what) + " byte " + std::to_string(byte));
+      std::vector<bytes> bad = files;
+      bad[2][d.at2] = byte;
+      bad.back()[d.at_last] = byte;
+      const MergeRun a = merge_files(bad, 0, 8, 0, 1);
+      const MergeRun b = merge_files(bad, 0, 8, 0, 0);
+      both += a.rc != 0;
+      EXPECT_EQ(b.rc, a.rc);
+      EXPECT_EQ(b.w.source_index, a.w.source_index);
+      EXPECT_STREQ(b.w.message, a.w.message);
+    }
+  }
+  EXPECT_GE(both, 4);
 }
 
 }  // namespace
