@@ -10,6 +10,10 @@
 //                             in S closes it and then fails with E
 //   TARNIX_FAIL_UNLINK=S:E    unlink() of a path ending in S fails with E and
 //                             removes nothing
+//   TARNIX_FAIL_PREAD=S:K:N:E of the pread() calls on descriptors whose file's
+//                             path ends in S, the first K go through and the
+//                             next N fail with error number E (N = 0: every
+//                             one after the K), as a failing disk would
 //   TARNIX_SIGNAL_AT_LINK=G   link() links and then sends signal G to the
 //                             process (as a stop request from outside would)
 //   TARNIX_FIXED_TIME=T       gettimeofday() always gives T seconds and rand()
@@ -44,11 +48,12 @@ struct rule {
   int err = 0;
 };
 
-rule link_rule, open_rule, close_rule, unlink_rule;
+rule link_rule, open_rule, close_rule, unlink_rule, pread_rule;
 int link_signal = 0;
 bool time_fixed = false;
 long fixed_seconds = 0;
 std::atomic<long> opens_seen{0};
+std::atomic<long> preads_seen{0};
 
 // Takes the last `n` ':'-separated numbers off text into out[] (in order)
 // and leaves the rest in suffix. False when they are not there.
@@ -104,6 +109,14 @@ __attribute__((constructor)) void read_settings() {
     unlink_rule.on = true;
     unlink_rule.err = static_cast<int>(n[0]);
   }
+  if (const char* v = getenv("TARNIX_FAIL_PREAD")) {
+    long n[3];
+    if (!split(v, 3, pread_rule.suffix, n)) bad_setting("TARNIX_FAIL_PREAD");
+    pread_rule.on = true;
+    pread_rule.skip = n[0];
+    pread_rule.count = n[1];
+    pread_rule.err = static_cast<int>(n[2]);
+  }
   if (const char* v = getenv("TARNIX_SIGNAL_AT_LINK")) {
     link_signal = atoi(v);
     if (link_signal <= 0) bad_setting("TARNIX_SIGNAL_AT_LINK");
@@ -119,6 +132,22 @@ __attribute__((constructor)) void read_settings() {
 template <typename F>
 F next(const char* name) {
   return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+
+bool fd_path_ends_in(int fd, const char* suffix) {
+  char proc[64], path[SUFFIX_SZ];
+  snprintf(proc, sizeof proc, "/proc/self/fd/%d", fd);
+  const ssize_t n = readlink(proc, path, sizeof path - 1);
+  return n > 0 && (path[n] = '\0', ends_with(path, suffix));
+}
+
+bool pread_fails(int fd) {
+  if (!pread_rule.on || !fd_path_ends_in(fd, pread_rule.suffix)) return false;
+  const long seen = preads_seen.fetch_add(1);
+  if (seen < pread_rule.skip) return false;
+  if (pread_rule.count != 0 && seen >= pread_rule.skip + pread_rule.count) return false;
+  errno = pread_rule.err;
+  return true;
 }
 
 bool open_fails(const char* path) {
@@ -177,14 +206,23 @@ int open64(const char* path, int flags, ...) {
 int close(int fd) {
   static auto real = next<int (*)(int)>("close");
   if (!close_rule.on) return real(fd);
-  char proc[64], path[SUFFIX_SZ];
-  snprintf(proc, sizeof proc, "/proc/self/fd/%d", fd);
-  const ssize_t n = readlink(proc, path, sizeof path - 1);
-  const bool hit = n > 0 && (path[n] = '\0', ends_with(path, close_rule.suffix));
+  const bool hit = fd_path_ends_in(fd, close_rule.suffix);
   const int r = real(fd);
   if (!hit || r != 0) return r;
   errno = close_rule.err;
   return -1;
+}
+
+ssize_t pread(int fd, void* buf, size_t n, off_t offset) {
+  static auto real = next<ssize_t (*)(int, void*, size_t, off_t)>("pread");
+  if (pread_fails(fd)) return -1;
+  return real(fd, buf, n, offset);
+}
+
+ssize_t pread64(int fd, void* buf, size_t n, off_t offset) {
+  static auto real = next<ssize_t (*)(int, void*, size_t, off_t)>("pread64");
+  if (pread_fails(fd)) return -1;
+  return real(fd, buf, n, offset);
 }
 
 int unlink(const char* path) noexcept {
