@@ -84,39 +84,27 @@ bool ends_with(const char* s, const char* suffix) {
   _exit(125);
 }
 
+// S:K:N:E when counted, else S:E.
+void read_rule(const char* name, bool counted, rule* r) {
+  const char* v = getenv(name);
+  if (v == nullptr) return;
+  long n[3] = {0, 0, 0};
+  if (!split(v, counted ? 3 : 1, r->suffix, counted ? n : n + 2)) bad_setting(name);
+  r->on = true;
+  r->skip = n[0];
+  r->count = n[1];
+  r->err = static_cast<int>(n[2]);
+}
+
 __attribute__((constructor)) void read_settings() {
   if (const char* v = getenv("TARNIX_FAIL_LINK")) {
     link_rule.on = true;
     link_rule.err = atoi(v);
   }
-  if (const char* v = getenv("TARNIX_FAIL_OPEN")) {
-    long n[3];
-    if (!split(v, 3, open_rule.suffix, n)) bad_setting("TARNIX_FAIL_OPEN");
-    open_rule.on = true;
-    open_rule.skip = n[0];
-    open_rule.count = n[1];
-    open_rule.err = static_cast<int>(n[2]);
-  }
-  if (const char* v = getenv("TARNIX_FAIL_CLOSE")) {
-    long n[1];
-    if (!split(v, 1, close_rule.suffix, n)) bad_setting("TARNIX_FAIL_CLOSE");
-    close_rule.on = true;
-    close_rule.err = static_cast<int>(n[0]);
-  }
-  if (const char* v = getenv("TARNIX_FAIL_UNLINK")) {
-    long n[1];
-    if (!split(v, 1, unlink_rule.suffix, n)) bad_setting("TARNIX_FAIL_UNLINK");
-    unlink_rule.on = true;
-    unlink_rule.err = static_cast<int>(n[0]);
-  }
-  if (const char* v = getenv("TARNIX_FAIL_PREAD")) {
-    long n[3];
-    if (!split(v, 3, pread_rule.suffix, n)) bad_setting("TARNIX_FAIL_PREAD");
-    pread_rule.on = true;
-    pread_rule.skip = n[0];
-    pread_rule.count = n[1];
-    pread_rule.err = static_cast<int>(n[2]);
-  }
+  read_rule("TARNIX_FAIL_OPEN", true, &open_rule);
+  read_rule("TARNIX_FAIL_CLOSE", false, &close_rule);
+  read_rule("TARNIX_FAIL_UNLINK", false, &unlink_rule);
+  read_rule("TARNIX_FAIL_PREAD", true, &pread_rule);
   if (const char* v = getenv("TARNIX_SIGNAL_AT_LINK")) {
     link_signal = atoi(v);
     if (link_signal <= 0) bad_setting("TARNIX_SIGNAL_AT_LINK");
