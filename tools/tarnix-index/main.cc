@@ -3,6 +3,7 @@
 // writes one ".tsidx" file into the directory; a bad line stops the run with
 // a one-line error, and the files flushed before it stay valid.
 #include <errno.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "generate.h"
@@ -42,7 +44,8 @@ constexpr const char USAGE[] =
     "unsigned 32-bit number, the next four are numbers below 2147483648 (an\n"
     "attribute column holds at most 31 bits; source 4294967295 marks deleted\n"
     "events and is refused), and terms are one or more terms separated by\n"
-    "single spaces.\n"
+    "single spaces. Lines may end in CR LF. Each line is an event of its own,\n"
+    "also when its event_address is one an earlier line had.\n"
     "\n"
     "options:\n"
     "  -d DIR               bucket directory (must exist)\n"
@@ -89,12 +92,13 @@ options parse_args(int argc, char** argv) {
     if (*i + 1 >= argc) usage_error("%s needs a value", argv[*i]);
     return argv[++*i];
   };
-  auto number = [&](int* i, uint64_t min) {
+  auto number = [&](int* i, uint64_t min, uint64_t max = UINT64_MAX) {
     const char* name = argv[*i];
     const char* v = value(i);
     uint64_t n;
     if (!parse_u64(v, &n)) usage_error("not a number: \"%s\"", v);
     if (n < min) usage_error("%s must be at least 1", name);
+    if (n > max) usage_error("%s must be at most 4294967295", name);
     return n;
   };
   for (int i = 1; i < argc; ++i) {
@@ -105,13 +109,13 @@ options parse_args(int argc, char** argv) {
     } else if (a == "-d") {
       o.dir = value(&i);
     } else if (a == "--max-values") {
-      o.max_values = number(&i, 1);
+      o.max_values = number(&i, 1, UINT32_MAX);
     } else if (a == "--max-terms") {
-      o.max_terms = number(&i, 1);
+      o.max_terms = number(&i, 1, UINT32_MAX);
     } else if (a == "--max-term-chars") {
-      o.max_term_chars = number(&i, 1);
+      o.max_term_chars = number(&i, 1, UINT32_MAX);
     } else if (a == "--max-postings") {
-      o.max_postings = number(&i, 1);
+      o.max_postings = number(&i, 1, UINT32_MAX);
     } else if (a == "--streaming") {
       o.streaming = true;
     } else if (a == "-q") {
@@ -263,6 +267,20 @@ class indexer {
                                " address " + std::to_string(f[0]) + " after timestamp " +
                                std::to_string(prev_ts_) + " address " + std::to_string(prev_addr_));
     }
+    // The slice takes a put whose address it already holds for more of that
+    // event (an event's terms come one put each): a line that repeats the
+    // address of an earlier line in the slice would be merged into it, its
+    // own time and attributes lost. It is another event, so it goes into
+    // the next file.
+    forget_flushed_addresses();
+    if (slice_addresses_.count(f[0]) != 0) {
+      if (tarnix::st_tsidx_sync(t_) != 0) return flush_failed(line_no);
+      ++own_files_;
+      forget_flushed_addresses();
+    }
+    // A term given twice is stored once (also two that are the same once
+    // cut to the longest term the slice keeps), so it is counted once.
+    const std::vector<std::string_view>& own = unique_terms(terms);
     // An event goes into one file whole: split over two, its terms would
     // be found in neither file with all of them, and until both files met
     // in one merge the event would be counted twice. The empty term is a
@@ -270,18 +288,20 @@ class indexer {
     // a larger event than the eighth left can take is flushed for too.
     int r = tarnix::st_tsidx_put(t_, "", 0, ts, f[0], f[1], f[2], f[3], f[4]);
     if (r != 0) return put_failed(line_no, r, "");
-    r = lacks_room(t_->hot_slice, terms);
+    r = lacks_room(t_->hot_slice, own);
     if (r != 0 && tarnix::st_hot_slice_values(t_->hot_slice) != 0) {
       if (tarnix::st_tsidx_sync(t_) != 0) return flush_failed(line_no);
       ++own_files_;
-      r = lacks_room(t_->hot_slice, terms);
+      r = lacks_room(t_->hot_slice, own);
     }
     if (r != 0) return does_not_fit(line_no, r, "the event");
-    for (std::string_view term : terms) {
+    for (std::string_view term : own) {
       r = tarnix::st_tsidx_put(t_, term.data(), static_cast<uint32_t>(term.size()), ts, f[0], f[1], f[2],
                                f[3], f[4]);
       if (r != 0) return put_failed(line_no, r, term);
     }
+    forget_flushed_addresses();
+    slice_addresses_.insert(f[0]);
     have_prev_ = true;
     prev_ts_ = ts;
     prev_addr_ = f[0];
@@ -319,6 +339,23 @@ class indexer {
   // flushes (before an event that would not fit, and at the end).
   uint64_t files() const { return t_->full_count + own_files_; }
 
+  // Empties the addresses of the slice once it was written to a file.
+  void forget_flushed_addresses() {
+    if (files() == slice_files_) return;
+    slice_addresses_.clear();
+    slice_files_ = files();
+  }
+
+  // The event's terms without repeats, in their order.
+  const std::vector<std::string_view>& unique_terms(const std::vector<std::string_view>& terms) {
+    unique_.clear();
+    seen_terms_.clear();
+    for (std::string_view t : terms) {
+      if (seen_terms_.insert(t.substr(0, tarnix::HOT_MAX_TERM_LEN)).second) unique_.push_back(t);
+    }
+    return unique_;
+  }
+
   // 0 when every put of the event's terms will find room in the slice, or
   // the "full" code (-1 terms, -2 values, -3 list nodes, -4 term bytes) of
   // the first that might not. A put checks the slice before it stores, the
@@ -347,6 +384,11 @@ class indexer {
 
   int put_failed(uint64_t line_no, int r, std::string_view term) {
     if (r == -6) return flush_failed(line_no);
+    // No slice: the memory for one of the limits given could not be had.
+    if (t_->hot_slice == nullptr) {
+      return fail(line_no, std::string("cannot make the in-memory slice: ") + tarnix::st_rc_name(r) +
+                               "; lower the limits");
+    }
     if (r == -1 || r == -2 || r == -3 || r == -4) {
       return does_not_fit(line_no, r, "the term \"" + std::string(term.substr(0, 64)) + "\"");
     }
@@ -367,6 +409,11 @@ class indexer {
   bool have_prev_ = false;
   int32_t prev_ts_ = 0;
   uint32_t prev_addr_ = 0;
+  // Addresses of the events in the slice, and files() when it was made.
+  std::unordered_set<uint32_t> slice_addresses_;
+  uint64_t slice_files_ = 0;
+  std::vector<std::string_view> unique_;
+  std::unordered_set<std::string_view> seen_terms_;
 };
 
 int emit_events(const options& o) {
@@ -432,6 +479,7 @@ int run_input(const options& o, indexer* ix) {
     ++line_no;
     std::string_view line(buf, static_cast<size_t>(len));
     if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     std::string problem = parse_line(line, &e);
     if (!problem.empty()) {
       fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), problem.c_str());
@@ -459,6 +507,9 @@ int main(int argc, char** argv) {
   if (o.emit) return emit_events(o);
 
   tarnix::st_init();
+  // Past a file-size limit a write fails (and the unfinished file is
+  // removed) instead of the process being ended in the middle of it.
+  signal(SIGXFSZ, SIG_IGN);
   struct stat st;
   if (stat(o.dir, &st) != 0) {
     fprintf(stderr, "tarnix-index: %s: %s\n", o.dir, strerror(errno));
