@@ -26,10 +26,12 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "searchthing/worker.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -349,6 +351,15 @@ TEST(CrashLog, EachFatalSignalLeavesOneCompleteReport) {
        {"   Unknown signal origin (si_code=128, si_addr=[0x0000000000000000])."}, true},
 #endif
       {"stack overflow", SIGSEGV, [](const std::string&) { crash_stack_overflow(0); },
+       {"   No memory mapped at address [0x$$$$$$$$$$$$$$$$].",
+        "   Memory access denied at address [0x$$$$$$$$$$$$$$$$]."},
+       true},
+      // A worker of the merge has a signal stack of its own.
+      {"stack overflow on a worker thread", SIGSEGV,
+       [](const std::string&) {
+         std::thread worker;
+         if (tarnix::start_worker(&worker, [] { crash_stack_overflow(0); })) worker.join();
+       },
        {"   No memory mapped at address [0x$$$$$$$$$$$$$$$$].",
         "   Memory access denied at address [0x$$$$$$$$$$$$$$$$]."},
        true},
