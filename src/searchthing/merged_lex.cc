@@ -126,6 +126,23 @@ void erase_tmp(const char* tmp_path) noexcept {
   }
 }
 
+// Opens path read-only when it is a regular file, else -1 with errno set.
+// The open does not wait: a FIFO put in a file's place would hold it until
+// a writer came.
+int open_regular_file(const char* path) noexcept {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return -1;
+  struct stat st;
+  const bool known = fstat(fd, &st) == 0;
+  if (!known || !S_ISREG(st.st_mode)) {
+    const int err = !known ? errno : S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    close(fd);
+    errno = err;
+    return -1;
+  }
+  return fd;
+}
+
 int create_tmp(const char* tmp_path) noexcept {
   return open(tmp_path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600);
 }
@@ -318,7 +335,7 @@ int st_tsidx_merge_lex_n(tsidx* t, int verbose, uint32_t tperb, uint64_t page_sz
     if (verbose) {
       printf("\t%3lu. opening src_file=\"%s\", size=%llu\n", i, f.path, static_cast<unsigned long long>(f.size));
     }
-    slots.fds[i] = open(f.path, O_RDONLY | O_CLOEXEC);
+    slots.fds[i] = open_regular_file(f.path);
     if (slots.fds[i] < 0) {
       if (verbose) fflush(stdout);
       return _set_rc(w, WS_EOPEN);  // the temporary stays; the next run erases it
@@ -372,7 +389,7 @@ int st_tsidx_filter_merged_lex(tsidx* t, int verbose, uint32_t tperb, uint64_t p
     fflush(stdout);
   }
   fd_guard in;
-  in.fd = open(input, O_RDONLY | O_CLOEXEC);
+  in.fd = open_regular_file(input);
   if (in.fd < 0) return _set_rc(w, WS_EOPEN);
 
   int rc = st_warm_slice_filter_lex(verbose, out.fd, in.fd, tperb, page_sz, min_count, w);
@@ -401,8 +418,11 @@ int st_optimize_lex(const char* dir, int verbose, uint32_t tperb, uint64_t page_
   if (f == nullptr) {
     fprintf(stderr, "failed to open file %s\n", status);
   } else {
-    fprintf(f, "tarnix-optimize-lex complete with rc=%i wrc=[%i,%i]\n", rc, w->warm_rc, w->warm_errno);
-    fclose(f);
+    // A line that could not be written leaves an empty file, which would
+    // read as the mark of a finished final optimize: say so.
+    const bool written = fprintf(f, "tarnix-optimize-lex complete with rc=%i wrc=[%i,%i]\n", rc, w->warm_rc,
+                                 w->warm_errno) > 0;
+    if (fclose(f) != 0 || !written) fprintf(stderr, "failed to write file %s\n", status);
   }
   // Nothing to merge is not a failure of this operation.
   if (rc == ST_EFEWFILES || rc == ST_ENOGROUP) return 0;

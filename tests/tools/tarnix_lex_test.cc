@@ -131,6 +131,14 @@ TEST(TarnixLex, MergeFilterAndList) {
   const bool little = std::endian::native == std::endian::little;
   for (const auto& [t, c] : want) as_big_endian[t] = little ? __builtin_bswap32(c) : c;
   EXPECT_EQ(parse_list(r.out), as_big_endian);
+  // The other tools read the filtered file's counts the same way.
+  r = testutil::run_bin("tarnix-dump", {filtered, "--terms"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(parse_list(r.out), want);
+  uint64_t sum = 0;
+  for (const auto& [t, c] : want) sum += c;
+  r = testutil::run_bin("tarnix-check", {"--json", filtered});
+  EXPECT_NE(r.out.find("\"count_sum\":" + std::to_string(sum) + ","), std::string::npos) << r.out;
 
   // Neither output is ever replaced.
   const auto merged_bytes = testutil::read_file(merged);
@@ -189,6 +197,21 @@ TEST(TarnixLex, DirectoryOutcomes) {
   EXPECT_EQ(r.out, "Lexicon filtering aborted. Input file \"" + one.file("merged_lexicon.lex") +
                        "\" does not exist.\n");
   EXPECT_EQ(r.err.rfind("tarnix-lex: filtering failed: rc=-28 (ST_EEXISTS)", 0), 0u) << r.err;
+
+  // A status line that cannot be written (files may not grow at all) is
+  // not left as an empty file without a word.
+  // (Its standard error goes through a pipe, which the limit leaves alone.)
+  r = testutil::run({"/bin/sh", "-c", "(ulimit -f 0; exec \"$0\" \"$@\") 2>&1 | cat", testutil::bin("tarnix-lex"),
+                     "-d", one.path()});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("failed to write file " + one.file("optimize.result") + "\n"), std::string::npos) << r.out;
+
+  // A FIFO in the merged lexicon's place is refused at once, not waited on.
+  ASSERT_EQ(mkfifo(one.file("merged_lexicon.lex").c_str(), 0600), 0);
+  r = lex({"-d", one.path(), "--filter", "1"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tarnix-lex: cannot open " + one.file("merged_lexicon.lex") + ": not a regular file\n");
+  EXPECT_FALSE(exists(one.file("filtered_merged_lexicon.lex")));
 
   // A directory that cannot be listed.
   r = lex({"-d", one.file("missing")});

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+#include "common/text.h"
+
 namespace tarnix::inspect {
 
 namespace {
@@ -328,13 +330,14 @@ struct checker {
   void check_lexicon_only_metadata() {
     seq_reader m;
     m.open(fd(), off.metadata, off.metadata + 4ull * nt(), BIG_BUF);
+    const bool native = tools::counts_in_native_order(rep->path);
     for (uint32_t t = 0; t < nt(); ++t) {
-      uint32_t c;
-      if (!m.get_be32(&c)) {
+      uint8_t c[4];
+      if (!m.get_bytes(c, sizeof(c))) {
         err("metadata", "term " + num(t), "a 4-byte count", "a failed read");
         return;
       }
-      rep->count_sum += c;
+      rep->count_sum += tools::load_count(c, native);
     }
   }
 

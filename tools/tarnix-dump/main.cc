@@ -191,7 +191,7 @@ class dumper {
         if (o_.json) printf("]");
         return fail("metadata entry of term " + num(w.term_index() - 1) + " cannot be read");
       }
-      const uint32_t count = load_be32(m);
+      const uint32_t count = tools::load_count(m, lexonly_ && tools::counts_in_native_order(o_.file));
       if (o_.json) {
         printf("%s{\"term\":%s,\"count\":%u", first ? "" : ",", json_str(t).c_str(), count);
         if (!lexonly_)

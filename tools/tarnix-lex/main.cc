@@ -10,6 +10,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -181,10 +182,7 @@ int list_file(const options& o) {
   int fd = open_regular(o.list);
   if (fd < 0) return EXIT_FAILED;
   // The filtered lexicon keeps its counts in the machine's own order.
-  std::string_view path(o.list);
-  size_t slash = path.rfind('/');
-  std::string_view base = slash == std::string_view::npos ? path : path.substr(slash + 1);
-  const bool native = o.native_counts || base == tarnix::ST_FILTERED_LEX_NAME;
+  const bool native = o.native_counts || tools::counts_in_native_order(o.list);
 
   list_state s{o.prefix != nullptr ? std::string_view(o.prefix) : std::string_view()};
   tarnix::wrc w{};
@@ -208,8 +206,9 @@ int list_file(const options& o) {
 // lexicon is left to the library, which refuses it with its own code.
 int check_filter_keeps_terms(const options& o) {
   std::string input = std::string(o.dir) + "/" + tarnix::ST_MERGED_LEX_NAME;
-  int fd = open(input.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
+  if (access(input.c_str(), F_OK) != 0) return 0;
+  int fd = open_regular(input.c_str());
+  if (fd < 0) return EXIT_FAILED;
   uint32_t kept = 0;
   tarnix::wrc w{};
   int rc = tarnix::st_lex_file_count_kept(fd, o.min_count, &kept, &w);
@@ -289,6 +288,9 @@ int run_dir(const options& o) {
 
 int main(int argc, char** argv) {
   tarnix::st_init();
+  // Past a file-size limit a write fails and is reported, instead of the
+  // process being ended in the middle of it.
+  signal(SIGXFSZ, SIG_IGN);
   options o = parse_args(argc, argv);
   return o.list != nullptr ? list_file(o) : run_dir(o);
 }
