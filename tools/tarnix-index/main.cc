@@ -273,11 +273,7 @@ class indexer {
     // own time and attributes lost. It is another event, so it goes into
     // the next file.
     forget_flushed_addresses();
-    if (slice_addresses_.count(f[0]) != 0) {
-      if (tarnix::st_tsidx_sync(t_) != 0) return flush_failed(line_no);
-      ++own_files_;
-      forget_flushed_addresses();
-    }
+    if (slice_addresses_.count(f[0]) != 0 && !flush_now()) return flush_failed(line_no);
     // A term given twice is stored once (also two that are the same once
     // cut to the longest term the slice keeps), so it is counted once.
     const std::vector<std::string_view>& own = unique_terms(terms);
@@ -290,8 +286,7 @@ class indexer {
     if (r != 0) return put_failed(line_no, r, "");
     r = lacks_room(t_->hot_slice, own);
     if (r != 0 && tarnix::st_hot_slice_values(t_->hot_slice) != 0) {
-      if (tarnix::st_tsidx_sync(t_) != 0) return flush_failed(line_no);
-      ++own_files_;
+      if (!flush_now()) return flush_failed(line_no);
       r = lacks_room(t_->hot_slice, own);
     }
     if (r != 0) return does_not_fit(line_no, r, "the event");
@@ -322,10 +317,7 @@ class indexer {
   // silent: the error was the run's one line.
   int finish(uint64_t last_line, bool after_error = false) {
     bool pending = t_->hot_slice != nullptr && tarnix::st_hot_slice_values(t_->hot_slice) != 0;
-    if (pending) {
-      if (tarnix::st_tsidx_sync(t_) != 0) return after_error ? EXIT_INPUT : flush_failed(last_line);
-      ++own_files_;
-    }
+    if (pending && !flush_now()) return after_error ? EXIT_INPUT : flush_failed(last_line);
     if (!o_.quiet && !after_error) {
       double secs = now_s() - start_;
       fprintf(stderr, "tarnix-index: %llu events indexed into %llu files in %.2f s\n",
@@ -338,6 +330,13 @@ class indexer {
   // Files written when a put found the slice full, and by the tool's own
   // flushes (before an event that would not fit, and at the end).
   uint64_t files() const { return t_->full_count + own_files_; }
+
+  // Writes the slice into a file of its own; false when that failed.
+  bool flush_now() {
+    if (tarnix::st_tsidx_sync(t_) != 0) return false;
+    ++own_files_;
+    return true;
+  }
 
   // Empties the addresses of the slice once it was written to a file.
   void forget_flushed_addresses() {
