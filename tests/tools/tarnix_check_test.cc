@@ -230,6 +230,23 @@ TEST(TarnixCheck, BucketReportListsStateAndPredictsTheNextPass) {
   for (const std::string& want : wants)
     EXPECT_NE(r.out.find(want), std::string::npos) << want << "\n" << r.out;
 
+  // A flush whose old name could not be removed after the move leaves a
+  // second name of a file in place: moving it again would count its
+  // events twice, so it is not called an unfinished flush.
+  ASSERT_EQ(link(d.file(names[2]).c_str(), d.file("6-5-4.pre-tsidx").c_str()), 0);
+  r = check({d.path()});
+  EXPECT_NE(r.out.find(": leftover name: 6-5-4.pre-tsidx: the same file as " + names[2] +
+                       ", whose events are in place; remove this name\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_EQ(r.out.find("unfinished flush: 6-5-4"), std::string::npos) << r.out;
+  r = check({"--json", d.path()});
+  EXPECT_NE(r.out.find("{\"name\":\"6-5-4.pre-tsidx\",\"size\":" + std::to_string(testutil::read_file(d.file(names[2])).size()) +
+                       ",\"age_s\":"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find(",\"in_place_as\":\"" + names[2] + "\"}"), std::string::npos) << r.out;
+
   // One damaged index file makes the bucket unsound.
   std::vector<uint8_t> b = testutil::read_file(d.file(names[3]));
   b[20] ^= 0x10;
@@ -254,6 +271,8 @@ TEST(TarnixCheck, EntriesTheOptimizerRefusesAndUnwritableReports) {
        "expected a regular index file, found a directory"},
       {"lexicon-only file", [&](const TempDir& d) { write_tmp(d, "5-1-1.tsidx", lex); },
        "expected an index file under an index file's name, found a lexicon-only file"},
+      {"FIFO merged lexicon", [](const TempDir& d) { ASSERT_EQ(mkfifo(d.file("merged_lexicon.lex").c_str(), 0600), 0); },
+       "expected a regular lexicon file, found not a regular file"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -263,8 +282,9 @@ TEST(TarnixCheck, EntriesTheOptimizerRefusesAndUnwritableReports) {
     c.add(d);
     auto r = check({"-q", d.path()});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, d.file("5-1-1.tsidx") + ": file: at " + (c.what[0] == 'd' ? "type" : "magic") + ": " +
-                         c.found + "\n");
+    const bool lexicon = c.what[0] == 'F';
+    EXPECT_EQ(r.out, d.file(lexicon ? "merged_lexicon.lex" : "5-1-1.tsidx") + ": file: at " +
+                         (c.what[0] == 'l' ? "magic" : "type") + ": " + c.found + "\n");
   }
 
   TempDir d;

@@ -47,6 +47,9 @@ struct entry_info {
   std::string name;
   uint64_t size = 0;
   int64_t age_s = 0;
+  // For a ".pre-tsidx": the index file that is the same file under its
+  // final name (a move whose removal of the old name failed), else "".
+  std::string in_place_as;
 };
 
 struct bucket_report {

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdio>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <queue>
 #include <signal.h>
@@ -275,6 +276,10 @@ void check_bucket(const std::string& dir, bool count_terms, bucket_report* rep) 
   const time_t now = time(nullptr);
   std::vector<int64_t> candidates;
   std::vector<lex_ref> lexicons;
+  // (device, inode) of every index file, to tell a flush's leftover name
+  // from a flush whose file never reached its final name.
+  std::map<std::pair<dev_t, ino_t>, std::string> index_inodes;
+  std::vector<std::pair<dev_t, ino_t>> pre_inodes;
   for (const std::string& name : names) {
     const std::string path = dir + "/" + name;
     struct stat st;
@@ -282,19 +287,23 @@ void check_bucket(const std::string& dir, bool count_terms, bucket_report* rep) 
     if (!S_ISREG(st.st_mode)) {
       // The optimizer goes by names and sizes: it would take this entry as a
       // source, fail to read it and leave its whole group locked.
-      if (is_index_name(name) && st.st_size > 0) {
+      // A merged lexicon's name taken by something else keeps the lexicon
+      // tools from ever writing or reading the real one.
+      const bool lexicon = name == "merged_lexicon.lex" || name == "filtered_merged_lexicon.lex";
+      if ((is_index_name(name) && st.st_size > 0) || lexicon) {
         file_report fr;
         fr.path = path;
         fr.errors = 1;
-        fr.issues.push_back(issue{"file", "type", "a regular index file",
+        fr.issues.push_back(issue{"file", "type", lexicon ? "a regular lexicon file" : "a regular index file",
                                   S_ISDIR(st.st_mode) ? "a directory" : "not a regular file"});
         rep->files.push_back(std::move(fr));
       }
       continue;
     }
     const uint64_t sz = static_cast<uint64_t>(st.st_size);
-    entry_info ei{name, sz, static_cast<int64_t>(now - st.st_mtime)};
+    entry_info ei{name, sz, static_cast<int64_t>(now - st.st_mtime), ""};
     if (ends_with(name, ".tsidx")) {
+      index_inodes.emplace(std::make_pair(st.st_dev, st.st_ino), name);
       file_report fr;
       check_file(path, &fr);
       if (fr.lexicon_only) {
@@ -327,6 +336,7 @@ void check_bucket(const std::string& dir, bool count_terms, bucket_report* rep) 
       rep->intermediates.push_back(ei);
     } else if (ends_with(name, ".pre-tsidx")) {
       rep->pre_tsidx.push_back(ei);
+      pre_inodes.emplace_back(st.st_dev, st.st_ino);
     } else if (ends_with(name, ".part-tsidx")) {
       rep->part_files.push_back(ei);
     } else if (ends_with(name, ".tsidx.deleted")) {
@@ -344,6 +354,10 @@ void check_bucket(const std::string& dir, bool count_terms, bucket_report* rep) 
         if (n > 0) rep->params.assign(text, static_cast<size_t>(n));
       }
     }
+  }
+  for (size_t k = 0; k < pre_inodes.size(); ++k) {
+    auto same = index_inodes.find(pre_inodes[k]);
+    if (same != index_inodes.end()) rep->pre_tsidx[k].in_place_as = same->second;
   }
   rep->candidates = static_cast<uint32_t>(candidates.size());
   rep->next_pass = next_pass_group(candidates, MIN_SRC_COUNT);

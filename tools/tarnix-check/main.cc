@@ -108,7 +108,15 @@ void print_bucket(const bucket_report& b, bool quiet) {
              static_cast<long long>(e.age_s));
   };
   entries(b.intermediates, "intermediate");
-  entries(b.pre_tsidx, "unfinished flush");
+  for (const entry_info& e : b.pre_tsidx) {
+    if (e.in_place_as.empty()) {
+      entries({e}, "unfinished flush");
+    } else {
+      // Moving it into place again would count its events twice.
+      printf("%s: leftover name: %s: the same file as %s, whose events are in place; remove this name\n", p,
+             e.name.c_str(), e.in_place_as.c_str());
+    }
+  }
   entries(b.part_files, "part file");
   entries(b.delete_markers, "delete marker");
   if (b.need_optimize) printf("%s: marker: tarnix-need-optimize.dat present (an optimize run is asked for)\n", p);
@@ -153,7 +161,8 @@ std::string json_entries(const std::vector<entry_info>& v) {
   std::string s = "[";
   for (size_t i = 0; i < v.size(); ++i)
     s += std::string(i ? "," : "") + "{\"name\":" + json_str(v[i].name) + ",\"size\":" + num(v[i].size) +
-         ",\"age_s\":" + snum(v[i].age_s) + "}";
+         ",\"age_s\":" + snum(v[i].age_s) +
+         (v[i].in_place_as.empty() ? std::string() : ",\"in_place_as\":" + json_str(v[i].in_place_as)) + "}";
   return s + "]";
 }
 
