@@ -1,6 +1,9 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
+#include <regex>
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -251,6 +254,80 @@ TEST(TarnixIndex, UnwritableDirectoryNamesTheLine) {
       << r.err;
   for (const std::string& name : testutil::list_dir(small.path()))
     EXPECT_EQ(name.find("tsidx"), std::string::npos) << name;  // nor .pre-tsidx
+}
+
+// A flush that fails ends the run and says where the events of the slice it
+// lost are, so that the run can be taken up again with none lost or doubled:
+// written again from its first line, or in the ".pre-tsidx" file a failed
+// move leaves (also when the flush is the last one, after a bad line).
+TEST(TarnixIndex, FailedFlushSaysWhereTheSlicesEventsAre) {
+  TempDir scratch;
+  const std::string events = emit(3000, 5).out;
+  std::vector<std::string> lines;
+  for (std::istringstream in(events); lines.emplace_back(), std::getline(in, lines.back());) lines.back() += '\n';
+  lines.pop_back();
+  auto text_of = [&](size_t from, size_t to) {  // lines from..to, counted from 1
+    std::string t;
+    for (size_t k = from; k <= to; ++k) t += lines[k - 1];
+    return t;
+  };
+  const char* asan = getenv("ASAN_OPTIONS");
+  const std::vector<std::string> failing_link = {
+      "LD_PRELOAD=" + testutil::bin("libfailcalls.so"), "TARNIX_FAIL_LINK=5",
+      std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0"};
+  const struct {
+    const char* what;
+    const char* limit;  // ulimit -f, in 512-byte blocks
+    const char* max_values;
+    std::vector<std::string> env;
+    std::string input;
+    const char* bad_line;  // the error line before the flush's, if any
+    bool moved_later;      // the slice's events wait in a .pre-tsidx
+  } cases[] = {
+      // Five files fit under the limit, the sixth does not.
+      {"a file past the size limit", "39", "100", {}, events, nullptr, false},
+      {"the last flush after a bad line", "1", "200", {}, text_of(1, 150) + "garbage\n", "line 151: expected 7", false},
+      {"a move that fails", "unlimited", "200", failing_link, text_of(1, 150), nullptr, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string dir = scratch.file("bucket"), input = scratch.file("input");
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    testutil::write_file(input, std::vector<uint8_t>(c.input.begin(), c.input.end()));
+    RunResult r = testutil::run({"/bin/sh", "-c", std::string("ulimit -f ") + c.limit + "; exec \"$0\" \"$@\"",
+                                 testutil::bin("tarnix-index"), "-d", dir, "--max-values", c.max_values, "-q", input},
+                                c.env);
+    EXPECT_EQ(r.status, 1) << r.err;
+    std::string err = r.err;
+    if (c.bad_line != nullptr) {
+      EXPECT_EQ(err.rfind(std::string("tarnix-index: ") + c.bad_line, 0), 0u) << err;
+      err.erase(0, err.find('\n') + 1);
+    }
+    std::smatch m;
+    const std::regex line(c.moved_later
+        ? "tarnix-index: line ([0-9]+): writing an index file into .* failed: ST_EMOVE \\(Input/output error\\); "
+          "the events of lines ([0-9]+) to ([0-9]+) are in (.*), not yet under a \".tsidx\" name\n"
+        : "tarnix-index: line ([0-9]+): writing an index file into .* failed: WS_EWRITE \\(File too large\\); "
+          "the events of lines ([0-9]+) to ([0-9]+) were not written: index them again\n");
+    ASSERT_TRUE(std::regex_match(err, m, line)) << err;
+    const size_t first = std::stoul(m[2]), last = std::stoul(m[3]);
+    EXPECT_LE(last, std::stoul(m[1]));
+    EXPECT_LE(first, last);
+    // Every line before the slice is in the bucket, and nothing else.
+    if (first > 1) {
+      expect_bucket_holds(dir, parse_events(text_of(1, first - 1)), first - 1);
+    } else {
+      EXPECT_EQ(testutil::names_ending(dir, ".tsidx"), std::vector<std::string>{});
+    }
+    EXPECT_EQ(first > 1, c.limit[0] == '3');
+    if (c.moved_later) {
+      EXPECT_EQ(m[4].str(), dir + "/" + testutil::names_ending(dir, ".pre-tsidx").at(0));
+      const std::string moved = m[4].str().substr(0, m[4].length() - strlen(".pre-tsidx")) + ".tsidx";
+      ASSERT_EQ(rename(m[4].str().c_str(), moved.c_str()), 0);
+      expect_bucket_holds(dir, parse_events(text_of(1, last)), last);
+    }
+    testutil::remove_tree(dir);
+  }
 }
 
 // However full the slice and however large the event, every event lands in

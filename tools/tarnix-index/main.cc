@@ -2,11 +2,13 @@
 // event a line, or from synthetic events. Each flush of the in-memory slice
 // writes one ".tsidx" file into the directory; a bad line stops the run with
 // a one-line error, and the files flushed before it stay valid.
+#include <dirent.h>
 #include <errno.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -296,6 +298,13 @@ class indexer {
       if (r != 0) return put_failed(line_no, r, term);
     }
     forget_flushed_addresses();
+    if (slice_addresses_.empty()) {
+      slice_first_line_ = line_no;
+      slice_earliest_ = slice_latest_ = ts;
+    }
+    slice_last_line_ = line_no;
+    slice_earliest_ = std::min(slice_earliest_, ts);
+    slice_latest_ = std::max(slice_latest_, ts);
     slice_addresses_.insert(f[0]);
     have_prev_ = true;
     prev_ts_ = ts;
@@ -313,11 +322,15 @@ class indexer {
     return 0;
   }
 
-  // Flushes what is left. 0 or the exit status. After an error it stays
-  // silent: the error was the run's one line.
+  // Flushes what is left. 0 or the exit status. After an error only a
+  // failed flush is reported: the lines before the error are not all in
+  // the files then.
   int finish(uint64_t last_line, bool after_error = false) {
     bool pending = t_->hot_slice != nullptr && tarnix::st_hot_slice_values(t_->hot_slice) != 0;
-    if (pending && !flush_now()) return after_error ? EXIT_INPUT : flush_failed(last_line);
+    if (pending && !flush_now()) {
+      const int status = flush_failed(last_line);
+      return after_error ? EXIT_INPUT : status;
+    }
     if (!o_.quiet && !after_error) {
       double secs = now_s() - start_;
       fprintf(stderr, "tarnix-index: %llu events indexed into %llu files in %.2f s\n",
@@ -375,10 +388,38 @@ class indexer {
     return EXIT_INPUT;
   }
 
+  // Also says where the events of the slice that was lost are: the run
+  // stops here, and whoever runs it again needs to know from which line on
+  // (or which file still holds them) so that no event is lost or doubled.
   int flush_failed(uint64_t line_no) {
-    int err = t_->wrc.warm_errno;
-    return fail(line_no, std::string("writing an index file into ") + o_.dir + " failed: " +
-                             tarnix::st_rc_name(t_->wrc.warm_rc) + " (" + strerror(err) + ")");
+    const int rc = t_->wrc.warm_rc;
+    std::string what = std::string("writing an index file into ") + o_.dir + " failed: " + tarnix::st_rc_name(rc) +
+                       " (" + strerror(t_->wrc.warm_errno) + ")";
+    if (!slice_addresses_.empty()) {
+      const std::string lines = "lines " + std::to_string(slice_first_line_) + " to " + std::to_string(slice_last_line_);
+      if (rc == tarnix::ST_EMOVE) {
+        what += "; the events of " + lines + " are in " + unmoved_file() + ", not yet under a \".tsidx\" name";
+      } else {
+        what += "; the events of " + lines + " were not written: index them again";
+      }
+    }
+    return fail(line_no, what);
+  }
+
+  // The ".pre-tsidx" file a failed move left: named by the slice's latest
+  // and earliest times and a number of its own.
+  std::string unmoved_file() const {
+    const std::string head = std::to_string(slice_latest_) + "-" + std::to_string(slice_earliest_) + "-";
+    std::string found;
+    int matches = 0;
+    if (DIR* d = opendir(o_.dir)) {
+      while (dirent* e = readdir(d)) {
+        std::string_view name = e->d_name;
+        if (name.starts_with(head) && name.ends_with(".pre-tsidx") && ++matches == 1) found = name;
+      }
+      closedir(d);
+    }
+    return std::string(o_.dir) + "/" + (matches == 1 ? found : head + "*.pre-tsidx");
   }
 
   int put_failed(uint64_t line_no, int r, std::string_view term) {
@@ -408,9 +449,14 @@ class indexer {
   bool have_prev_ = false;
   int32_t prev_ts_ = 0;
   uint32_t prev_addr_ = 0;
-  // Addresses of the events in the slice, and files() when it was made.
+  // Addresses of the events in the slice, and files() when it was made;
+  // the lines and times of its events.
   std::unordered_set<uint32_t> slice_addresses_;
   uint64_t slice_files_ = 0;
+  uint64_t slice_first_line_ = 0;
+  uint64_t slice_last_line_ = 0;
+  int32_t slice_earliest_ = 0;
+  int32_t slice_latest_ = 0;
   std::vector<std::string_view> unique_;
   std::unordered_set<std::string_view> seen_terms_;
 };
