@@ -21,7 +21,8 @@
 //                             makes is known beforehand (nothing may wait for
 //                             the clock to move)
 //
-// S may hold ':'; the numbers are taken from the end.
+// S may hold ':'; the numbers are taken from the end. Memory that runs out
+// is the business of failalloc.cc, a library of its own.
 #undef _FORTIFY_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -36,17 +37,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "rules.h"
+
 namespace {
-
-constexpr size_t SUFFIX_SZ = 4096;
-
-struct rule {
-  bool on = false;
-  char suffix[SUFFIX_SZ] = {};
-  long skip = 0;
-  long count = 0;
-  int err = 0;
-};
 
 rule link_rule, open_rule, close_rule, unlink_rule, pread_rule;
 int link_signal = 0;
@@ -54,47 +47,6 @@ bool time_fixed = false;
 long fixed_seconds = 0;
 std::atomic<long> opens_seen{0};
 std::atomic<long> preads_seen{0};
-
-// Takes the last `n` ':'-separated numbers off text into out[] (in order)
-// and leaves the rest in suffix. False when they are not there.
-bool split(const char* text, int n, char* suffix, long* out) {
-  size_t end = strlen(text);
-  for (int k = n - 1; k >= 0; --k) {
-    size_t colon = end;
-    while (colon > 0 && text[colon - 1] != ':') --colon;
-    if (colon == 0 || colon == end) return false;
-    char* stop = nullptr;
-    out[k] = strtol(text + colon, &stop, 10);
-    if (stop != text + end) return false;
-    end = colon - 1;
-  }
-  if (end >= SUFFIX_SZ) return false;
-  memcpy(suffix, text, end);
-  suffix[end] = '\0';
-  return true;
-}
-
-bool ends_with(const char* s, const char* suffix) {
-  const size_t n = strlen(s), m = strlen(suffix);
-  return n >= m && memcmp(s + n - m, suffix, m) == 0;
-}
-
-[[noreturn]] void bad_setting(const char* name) {
-  fprintf(stderr, "failcalls: cannot read %s\n", name);
-  _exit(125);
-}
-
-// S:K:N:E when counted, else S:E.
-void read_rule(const char* name, bool counted, rule* r) {
-  const char* v = getenv(name);
-  if (v == nullptr) return;
-  long n[3] = {0, 0, 0};
-  if (!split(v, counted ? 3 : 1, r->suffix, counted ? n : n + 2)) bad_setting(name);
-  r->on = true;
-  r->skip = n[0];
-  r->count = n[1];
-  r->err = static_cast<int>(n[2]);
-}
 
 __attribute__((constructor)) void read_settings() {
   if (const char* v = getenv("TARNIX_FAIL_LINK")) {
@@ -131,18 +83,14 @@ bool fd_path_ends_in(int fd, const char* suffix) {
 
 bool pread_fails(int fd) {
   if (!pread_rule.on || !fd_path_ends_in(fd, pread_rule.suffix)) return false;
-  const long seen = preads_seen.fetch_add(1);
-  if (seen < pread_rule.skip) return false;
-  if (pread_rule.count != 0 && seen >= pread_rule.skip + pread_rule.count) return false;
+  if (!counted_failure(pread_rule, preads_seen)) return false;
   errno = pread_rule.err;
   return true;
 }
 
 bool open_fails(const char* path) {
   if (!open_rule.on || path == nullptr || !ends_with(path, open_rule.suffix)) return false;
-  const long seen = opens_seen.fetch_add(1);
-  if (seen < open_rule.skip) return false;
-  if (open_rule.count != 0 && seen >= open_rule.skip + open_rule.count) return false;
+  if (!counted_failure(open_rule, opens_seen)) return false;
   errno = open_rule.err;
   return true;
 }

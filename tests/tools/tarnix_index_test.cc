@@ -2,9 +2,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
-#include <regex>
+#include <cctype>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -69,6 +71,12 @@ void expect_bucket_holds(const std::string& dir, const testutil::EventIndex& exp
   EXPECT_EQ(differing, 0u);
   EXPECT_EQ(b.index.term_addresses.size(), expected.term_addresses.size());
   EXPECT_TRUE(b.index.term_addresses == expected.term_addresses) << "postings differ";
+}
+
+// The number after the first `key` in text (0 when key is not there).
+size_t number_after(const std::string& text, const std::string& key) {
+  const size_t at = text.find(key);
+  return at == std::string::npos ? 0 : std::strtoul(text.c_str() + at + key.size(), nullptr, 10);
 }
 
 TEST(TarnixIndex, GeneratedEventsMakeABucketThatHoldsThemAll) {
@@ -303,15 +311,15 @@ TEST(TarnixIndex, FailedFlushSaysWhereTheSlicesEventsAre) {
       EXPECT_EQ(err.rfind(std::string("tarnix-index: ") + c.bad_line, 0), 0u) << err;
       err.erase(0, err.find('\n') + 1);
     }
-    std::smatch m;
-    const std::regex line(c.moved_later
-        ? "tarnix-index: line ([0-9]+): writing an index file into .* failed: ST_EMOVE \\(Input/output error\\); "
-          "the events of lines ([0-9]+) to ([0-9]+) are in (.*), not yet under a \".tsidx\" name\n"
-        : "tarnix-index: line ([0-9]+): writing an index file into .* failed: WS_EWRITE \\(File too large\\); "
-          "the events of lines ([0-9]+) to ([0-9]+) were not written: index them again\n");
-    ASSERT_TRUE(std::regex_match(err, m, line)) << err;
-    const size_t first = std::stoul(m[2]), last = std::stoul(m[3]);
-    EXPECT_LE(last, std::stoul(m[1]));
+    const std::string head = "tarnix-index: line {N}: writing an index file into " + dir + " failed: ";
+    ASSERT_TRUE(testutil::pattern_match(
+        err, c.moved_later ? head + "ST_EMOVE (Input/output error); the events of lines {N} to {N} are in " + dir +
+                                 "/{*}.pre-tsidx, not yet under a \".tsidx\" name\n"
+                           : head + "WS_EWRITE (File too large); the events of lines {N} to {N} were not written: "
+                                    "index them again\n"))
+        << err;
+    const size_t first = number_after(err, "of lines "), last = number_after(err, " to ");
+    EXPECT_LE(last, number_after(err, "line "));
     EXPECT_LE(first, last);
     // Every line before the slice is in the bucket, and nothing else.
     if (first > 1) {
@@ -321,13 +329,72 @@ TEST(TarnixIndex, FailedFlushSaysWhereTheSlicesEventsAre) {
     }
     EXPECT_EQ(first > 1, c.limit[0] == '3');
     if (c.moved_later) {
-      EXPECT_EQ(m[4].str(), dir + "/" + testutil::names_ending(dir, ".pre-tsidx").at(0));
-      const std::string moved = m[4].str().substr(0, m[4].length() - strlen(".pre-tsidx")) + ".tsidx";
-      ASSERT_EQ(rename(m[4].str().c_str(), moved.c_str()), 0);
+      const size_t at = err.find(" are in ") + strlen(" are in ");
+      const std::string left = err.substr(at, err.find(", not yet") - at);
+      EXPECT_EQ(left, dir + "/" + testutil::names_ending(dir, ".pre-tsidx").at(0));
+      const std::string moved = left.substr(0, left.size() - strlen(".pre-tsidx")) + ".tsidx";
+      ASSERT_EQ(rename(left.c_str(), moved.c_str()), 0);
       expect_bucket_holds(dir, parse_events(text_of(1, last)), last);
     }
     testutil::remove_tree(dir);
   }
+}
+
+// Memory that runs out anywhere in a run ends it with a line that says what
+// is not in the bucket: every line before the lines it names (or before the
+// line it fails on) is there, each once, and nothing after them.
+TEST(TarnixIndex, MemoryThatRunsOutSaysWhatIsMissing) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's allocator cannot be replaced by the failing one";
+#endif
+  TempDir scratch;
+  const std::string events = emit(400, 6).out;
+  std::vector<std::string> lines;
+  for (std::istringstream in(events); lines.emplace_back(), std::getline(in, lines.back());) lines.back() += '\n';
+  lines.pop_back();
+  const std::string input = scratch.file("input");
+  testutil::write_file(input, std::vector<uint8_t>(events.begin(), events.end()));
+  std::set<std::string> kinds;
+  for (int k = 0; k <= 3000; k += 1 + k / 16) {
+    SCOPED_TRACE("an allocation fails after " + std::to_string(k));
+    const std::string dir = scratch.file("bucket");
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    RunResult r = testutil::run_bin(
+        "tarnix-index", {"-d", dir, "--max-values", "100", "-q", input},
+        {"LD_PRELOAD=" + testutil::bin("libfailalloc.so"), "TARNIX_FAIL_MALLOC=:" + std::to_string(k) + ":1"});
+    size_t kept = lines.size();
+    if (r.status != 0) {
+      EXPECT_EQ(r.status, 1) << r.err;
+      ASSERT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+      // What the line names as missing: the lines of the slice it lost, or
+      // the line it stopped on and every one after.
+      if (r.err.find(" lines ") != std::string::npos) {
+        kept = number_after(r.err, " lines ") - 1;
+      } else if (r.err.rfind("tarnix-index: line ", 0) == 0) {
+        kept = number_after(r.err, "line ") - 1;
+      } else {
+        EXPECT_TRUE(r.err == "tarnix-index: out of memory\n" || r.err.find(": cannot open ") != std::string::npos)
+            << r.err;
+        kept = 0;
+      }
+      std::string kind;
+      for (char ch : r.err.substr(0, r.err.find(" lines "))) {
+        if (!isdigit(static_cast<unsigned char>(ch))) kind += ch;
+      }
+      kinds.insert(kind);
+    }
+    std::string text;
+    for (size_t i = 0; i < kept; ++i) text += lines[i];
+    if (kept != 0) {
+      expect_bucket_holds(dir, parse_events(text), kept);
+    } else {
+      EXPECT_EQ(testutil::names_ending(dir, ".tsidx"), std::vector<std::string>{});
+    }
+    testutil::remove_tree(dir);
+  }
+  // Failures in opening and reading the input, in the slice and in the
+  // tool's own bookkeeping, with and without a slice to lose.
+  EXPECT_GE(kinds.size(), 5u) << ::testing::PrintToString(kinds);
 }
 
 // However full the slice and however large the event, every event lands in

@@ -263,6 +263,37 @@ TEST(TarnixLex, FailedCallsLeaveNoMergedLexicon) {
   }
 }
 
+// Memory that runs out anywhere in the merge, or in the tool around it,
+// gives one line and status 1, never an abort, and never a merged lexicon
+// other than the whole one.
+TEST(TarnixLex, MemoryThatRunsOutGivesOneLine) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's allocator cannot be replaced by the failing one";
+#endif
+  TempDir dir;
+  make_bucket(dir, 240, 9);
+  const term_counts all = expected_union(dir);
+  int failed = 0;
+  for (int k = 0; k <= 400; k += 1 + k / 16) {
+    SCOPED_TRACE("an allocation fails after " + std::to_string(k));
+    RunResult r = testutil::run({testutil::bin("tarnix-lex"), "-d", dir.path()},
+                                {"LD_PRELOAD=" + testutil::bin("libfailalloc.so"),
+                                 "TARNIX_FAIL_MALLOC=.tsidx:" + std::to_string(k) + ":1"});
+    if (r.status == 0) {
+      EXPECT_EQ(parse_list(lex({"--list", dir.file("merged_lexicon.lex")}).out), all);
+    } else {
+      ++failed;
+      EXPECT_EQ(r.status, 1);
+      EXPECT_EQ(r.err.rfind("tarnix-lex: ", 0), 0u) << r.err;
+      EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+      EXPECT_FALSE(exists(dir.file("merged_lexicon.lex")));
+    }
+    for (const char* left : {"merged_lexicon.lex", "merged_lexicon.lex.tmp", "optimize.result"})
+      (void)unlink(dir.file(left).c_str());
+  }
+  EXPECT_GE(failed, 10);
+}
+
 TEST(TarnixLex, ListRefusesWhatItCannotRead) {
   TempDir dir;
   testutil::write_file(dir.file("junk.lex"), std::vector<uint8_t>(100, 'x'));

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 namespace tools {
 
@@ -30,6 +31,20 @@ inline bool parse_u64(const char* s, uint64_t* out) {
   fprintf(stderr, fmt, arg);
   fprintf(stderr, "\n(try %s --help)\n", tool);
   exit(EXIT_USAGE);
+}
+
+// Runs a tool's work and gives its exit status. The tools hold what they
+// report in the standard containers, which throw when memory runs out: the
+// tool then ends with one line and status 1 rather than an abort. (The
+// index library under them never throws.)
+template <typename Work>
+int run_guarded(const char* tool, Work&& work) noexcept {
+  try {
+    return work();
+  } catch (const std::bad_alloc&) {
+    fprintf(stderr, "%s: out of memory\n", tool);
+    return 1;
+  }
 }
 
 }  // namespace tools

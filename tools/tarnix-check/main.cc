@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "check.h"
+#include "common/args.h"
 
 using namespace tarnix::inspect;
 
@@ -208,7 +209,7 @@ int usage_error(const char* msg, const char* arg) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int tool_main(int argc, char** argv) {
   options o;
   bool more_options = true;
   for (int i = 1; i < argc; ++i) {
@@ -266,4 +267,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   return sound ? 0 : 1;
+}
+
+int main(int argc, char** argv) {
+  return tools::run_guarded("tarnix-check", [&] { return tool_main(argc, argv); });
 }

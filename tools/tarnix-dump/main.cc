@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "../tarnix-check/inspect.h"
+#include "common/args.h"
 #include "common/text.h"
 
 using namespace tarnix;
@@ -407,7 +408,7 @@ int usage_error(const std::string& msg) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int tool_main(int argc, char** argv) {
   options o;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
@@ -464,4 +465,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   return status;
+}
+
+int main(int argc, char** argv) {
+  return tools::run_guarded("tarnix-dump", [&] { return tool_main(argc, argv); });
 }

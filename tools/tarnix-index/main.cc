@@ -4,11 +4,13 @@
 // a one-line error, and the files flushed before it stay valid.
 #include <dirent.h>
 #include <errno.h>
+#include <limits.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -265,9 +267,8 @@ class indexer {
   int add(uint64_t line_no, int32_t ts, const uint32_t f[5], const std::vector<std::string_view>& terms) {
     if (o_.streaming && have_prev_ &&
         (ts < prev_ts_ || (ts == prev_ts_ && f[0] <= prev_addr_))) {
-      return fail(line_no, "out of time order for --streaming: timestamp " + std::to_string(ts) +
-                               " address " + std::to_string(f[0]) + " after timestamp " +
-                               std::to_string(prev_ts_) + " address " + std::to_string(prev_addr_));
+      return fail(line_no, "out of time order for --streaming: timestamp %d address %u after timestamp %d address %u",
+                  ts, f[0], prev_ts_, prev_addr_);
     }
     // The slice takes a put whose address it already holds for more of that
     // event (an event's terms come one put each): a line that repeats the
@@ -291,7 +292,7 @@ class indexer {
       if (!flush_now()) return flush_failed(line_no);
       r = lacks_room(t_->hot_slice, own);
     }
-    if (r != 0) return does_not_fit(line_no, r, "the event");
+    if (r != 0) return does_not_fit(line_no, r, nullptr);
     for (std::string_view term : own) {
       r = tarnix::st_tsidx_put(t_, term.data(), static_cast<uint32_t>(term.size()), ts, f[0], f[1], f[2],
                                f[3], f[4]);
@@ -339,6 +340,15 @@ class indexer {
     return 0;
   }
 
+  // Memory ran out on line_no. Nothing is flushed: part of that line's
+  // event may be in the slice.
+  int out_of_memory(uint64_t line_no) {
+    forget_flushed_addresses();
+    if (slice_addresses_.empty()) return fail(line_no, "out of memory");
+    return fail(line_no, "out of memory; the events of lines %llu to %llu were not written: index them again",
+                static_cast<unsigned long long>(slice_first_line_), static_cast<unsigned long long>(slice_last_line_));
+  }
+
  private:
   // Files written when a put found the slice full, and by the tool's own
   // flushes (before an event that would not fit, and at the end).
@@ -383,8 +393,15 @@ class indexer {
     return 0;
   }
 
-  int fail(uint64_t line_no, const std::string& what) {
-    fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), what.c_str());
+  // The error line for line_no. Nothing on the way allocates: it also
+  // reports that memory ran out.
+  [[gnu::format(printf, 2, 3)]] static int fail(uint64_t line_no, const char* format, ...) {
+    char what[2048];
+    va_list ap;
+    va_start(ap, format);
+    vsnprintf(what, sizeof what, format, ap);
+    va_end(ap);
+    fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), what);
     return EXIT_INPUT;
   }
 
@@ -393,51 +410,66 @@ class indexer {
   // (or which file still holds them) so that no event is lost or doubled.
   int flush_failed(uint64_t line_no) {
     const int rc = t_->wrc.warm_rc;
-    std::string what = std::string("writing an index file into ") + o_.dir + " failed: " + tarnix::st_rc_name(rc) +
-                       " (" + strerror(t_->wrc.warm_errno) + ")";
-    if (!slice_addresses_.empty()) {
-      const std::string lines = "lines " + std::to_string(slice_first_line_) + " to " + std::to_string(slice_last_line_);
-      if (rc == tarnix::ST_EMOVE) {
-        what += "; the events of " + lines + " are in " + unmoved_file() + ", not yet under a \".tsidx\" name";
-      } else {
-        what += "; the events of " + lines + " were not written: index them again";
-      }
+    const char* why = strerror(t_->wrc.warm_errno);
+    const char* name = tarnix::st_rc_name(rc);
+    if (slice_addresses_.empty()) {
+      return fail(line_no, "writing an index file into %s failed: %s (%s)", o_.dir, name, why);
     }
-    return fail(line_no, what);
+    const auto first = static_cast<unsigned long long>(slice_first_line_);
+    const auto last = static_cast<unsigned long long>(slice_last_line_);
+    if (rc == tarnix::ST_EMOVE) {
+      char file[PATH_MAX];
+      return fail(line_no,
+                  "writing an index file into %s failed: %s (%s); the events of lines %llu to %llu are in %s, not "
+                  "yet under a \".tsidx\" name",
+                  o_.dir, name, why, first, last, unmoved_file(file, sizeof file));
+    }
+    return fail(line_no,
+                "writing an index file into %s failed: %s (%s); the events of lines %llu to %llu were not written: "
+                "index them again",
+                o_.dir, name, why, first, last);
   }
 
   // The ".pre-tsidx" file a failed move left: named by the slice's latest
   // and earliest times and a number of its own.
-  std::string unmoved_file() const {
-    const std::string head = std::to_string(slice_latest_) + "-" + std::to_string(slice_earliest_) + "-";
-    std::string found;
+  const char* unmoved_file(char* out, size_t size) const {
+    char head[32];
+    const int head_len = snprintf(head, sizeof head, "%d-%d-", slice_latest_, slice_earliest_);
     int matches = 0;
+    snprintf(out, size, "%s/%s*.pre-tsidx", o_.dir, head);
     if (DIR* d = opendir(o_.dir)) {
       while (dirent* e = readdir(d)) {
         std::string_view name = e->d_name;
-        if (name.starts_with(head) && name.ends_with(".pre-tsidx") && ++matches == 1) found = name;
+        if (name.starts_with(std::string_view(head, static_cast<size_t>(head_len))) && name.ends_with(".pre-tsidx") &&
+            ++matches == 1)
+          snprintf(out, size, "%s/%s", o_.dir, e->d_name);
       }
       closedir(d);
     }
-    return std::string(o_.dir) + "/" + (matches == 1 ? found : head + "*.pre-tsidx");
+    if (matches > 1) snprintf(out, size, "%s/%s*.pre-tsidx", o_.dir, head);
+    return out;
   }
 
   int put_failed(uint64_t line_no, int r, std::string_view term) {
     if (r == -6) return flush_failed(line_no);
     // No slice: the memory for one of the limits given could not be had.
     if (t_->hot_slice == nullptr) {
-      return fail(line_no, std::string("cannot make the in-memory slice: ") + tarnix::st_rc_name(r) +
-                               "; lower the limits");
+      return fail(line_no, "cannot make the in-memory slice: %s; lower the limits", tarnix::st_rc_name(r));
     }
     if (r == -1 || r == -2 || r == -3 || r == -4) {
-      return does_not_fit(line_no, r, "the term \"" + std::string(term.substr(0, 64)) + "\"");
+      return does_not_fit(line_no, r, &term);
     }
-    return fail(line_no, std::string("cannot index the event: ") + tarnix::st_rc_name(r));
+    return fail(line_no, "cannot index the event: %s", tarnix::st_rc_name(r));
   }
 
-  int does_not_fit(uint64_t line_no, int full_code, const std::string& what) {
+  // The event, or one of its terms (its first 64 bytes shown), that no
+  // empty slice could take.
+  int does_not_fit(uint64_t line_no, int full_code, const std::string_view* term) {
     static const char* const WHAT[] = {"terms", "events", "postings", "term characters"};
-    return fail(line_no, what + " does not fit an empty slice (" + WHAT[-full_code - 1] + "); raise the limits");
+    const char* limit = WHAT[-full_code - 1];
+    if (term == nullptr) return fail(line_no, "the event does not fit an empty slice (%s); raise the limits", limit);
+    return fail(line_no, "the term \"%.*s\" does not fit an empty slice (%s); raise the limits",
+                static_cast<int>(std::min<size_t>(term->size(), 64)), term->data(), limit);
   }
 
   const options& o_;
@@ -486,11 +518,18 @@ int run_generated(const options& o, indexer* ix) {
   tarnix_index::event e;
   std::vector<std::string_view> terms;
   uint64_t n = 0;
-  while (gen.next(&e)) {
-    ++n;
-    terms.assign(e.terms.begin(), e.terms.end());
-    uint32_t f[5] = {e.event_address, e.event_type, e.source, e.source_type, e.host};
-    if (int r = ix->add(n, e.timestamp, f, terms); r != 0) {
+  for (;;) {
+    int r = 0;
+    try {
+      if (!gen.next(&e)) break;
+      ++n;
+      terms.assign(e.terms.begin(), e.terms.end());
+      uint32_t f[5] = {e.event_address, e.event_type, e.source, e.source_type, e.host};
+      r = ix->add(n, e.timestamp, f, terms);
+    } catch (const std::bad_alloc&) {
+      return ix->out_of_memory(n + 1);
+    }
+    if (r != 0) {
       (void)ix->finish(n, true);
       return r;
     }
@@ -514,7 +553,9 @@ int run_input(const options& o, indexer* ix) {
     errno = 0;
     ssize_t len = getline(&buf, &cap, in);
     if (len < 0) {
-      if (ferror(in)) {
+      // Also when getline could not make its buffer large enough: the
+      // stream is then neither at its end nor marked failed.
+      if (ferror(in) || !feof(in)) {
         fprintf(stderr, "tarnix-index: line %llu: reading failed: %s\n",
                 static_cast<unsigned long long>(line_no + 1), strerror(errno));
         status = EXIT_INPUT;
@@ -525,13 +566,24 @@ int run_input(const options& o, indexer* ix) {
     std::string_view line(buf, static_cast<size_t>(len));
     if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    std::string problem = parse_line(line, &e);
-    if (!problem.empty()) {
-      fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), problem.c_str());
-      status = EXIT_INPUT;
-      break;
+    bool out_of_memory = false;
+    try {
+      std::string problem = parse_line(line, &e);
+      if (!problem.empty()) {
+        fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), problem.c_str());
+        status = EXIT_INPUT;
+        break;
+      }
+      status = ix->add(line_no, e.timestamp, e.fields, e.terms);
+    } catch (const std::bad_alloc&) {
+      out_of_memory = true;
     }
-    status = ix->add(line_no, e.timestamp, e.fields, e.terms);
+    if (out_of_memory) {
+      status = ix->out_of_memory(line_no);
+      free(buf);
+      if (!from_stdin) fclose(in);
+      return status;
+    }
     if (status != 0) break;
   }
   free(buf);
@@ -547,7 +599,7 @@ int run_input(const options& o, indexer* ix) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int tool_main(int argc, char** argv) {
   options o = parse_args(argc, argv);
   if (o.emit) return emit_events(o);
 
@@ -577,4 +629,8 @@ int main(int argc, char** argv) {
   if (t->hot_slice != nullptr) tarnix::st_hot_slice_reset(t->hot_slice);
   (void)tarnix::st_tsidx_close(t);
   return status;
+}
+
+int main(int argc, char** argv) {
+  return tools::run_guarded("tarnix-index", [&] { return tool_main(argc, argv); });
 }

@@ -31,6 +31,7 @@
 #include <tuple>
 #include <vector>
 
+#include "common/args.h"
 #include "searchthing/fclex.h"
 #include "searchthing/result.h"
 #include "searchthing/tsidx.h"
@@ -587,7 +588,7 @@ bool parse_u32(const char* s, uint32_t* out) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int tool_main(int argc, char** argv) {
   options o;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
@@ -650,4 +651,8 @@ int main(int argc, char** argv) {
   int rc = killtest(o).run();
   if (own_work) remove_tree(o.work);
   return rc;
+}
+
+int main(int argc, char** argv) {
+  return tools::run_guarded("tarnix-killtest", [&] { return tool_main(argc, argv); });
 }

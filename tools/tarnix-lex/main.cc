@@ -286,11 +286,15 @@ int run_dir(const options& o) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+static int tool_main(int argc, char** argv) {
   tarnix::st_init();
   // Past a file-size limit a write fails and is reported, instead of the
   // process being ended in the middle of it.
   signal(SIGXFSZ, SIG_IGN);
   options o = parse_args(argc, argv);
   return o.list != nullptr ? list_file(o) : run_dir(o);
+}
+
+int main(int argc, char** argv) {
+  return tools::run_guarded("tarnix-lex", [&] { return tool_main(argc, argv); });
 }
