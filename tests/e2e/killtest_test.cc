@@ -30,6 +30,12 @@ TEST(KillTest, RefusesBadOptions) {
   testutil::RunResult r = testutil::run_bin("tarnix-killtest", {"--bin-dir", "/nonexistent"});
   EXPECT_EQ(2, r.status);
   EXPECT_NE(std::string::npos, r.err.find("tarnix-index not found"));
+  // A work directory that is a file is a setup fault, not a failed check.
+  testutil::TempDir d;
+  testutil::write_file(d.file("plain"), {});
+  r = testutil::run_bin("tarnix-killtest", {"--kills", "1", "--work", d.file("plain")});
+  EXPECT_EQ(2, r.status);
+  EXPECT_EQ(r.err, "tarnix-killtest: " + d.file("plain") + " is not a directory\n");
 }
 
 }  // namespace

@@ -157,6 +157,7 @@ TEST_F(TarnixDump, FailuresAndUsage) {
       {{path_, "--bogus"}, 2, "usage: tarnix-dump"},
       {{path_, "--postings"}, 2, "usage: tarnix-dump"},
       {{path_, "--values", "--limit", "x"}, 2, "not a number"},
+      {{path_, "--values", "--limit", " -5"}, 2, "not a number:  -5"},
       {{path_, "--prefix", "a"}, 2, "--prefix needs --terms"},
       {{}, 2, "no FILE"},
       {{dir_.file("fifo")}, 1, "fifo: not a regular file"},  // refused at once, not waited on
@@ -176,6 +177,12 @@ TEST_F(TarnixDump, FailuresAndUsage) {
   auto r = dump({"--help"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("--events TERM"), std::string::npos);
+  // Nor is a help text that could not be written, from any tool.
+  for (const char* tool : {"tarnix-dump", "tarnix-check", "tarnix-index", "tarnix-lex", "tarnix-killtest"}) {
+    full = testutil::run({"/bin/sh", "-c", "exec \"$0\" --help >/dev/full", testutil::bin(tool)});
+    EXPECT_EQ(full.status, 1) << tool;
+    EXPECT_EQ(full.err, std::string(tool) + ": writing the help text failed\n");
+  }
 }
 
 TEST(TarnixDumpLexicon, LexiconOnlyFileTerms) {

@@ -1,3 +1,4 @@
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -219,7 +221,11 @@ TEST(TarnixIndex, BadInputIsAOneLineErrorWithTheLineNumber) {
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_EQ(r.err.rfind("tarnix-index: line " + std::to_string(c.line) + ": ", 0), 0u) << r.err;
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    // Then, when lines came before it, from where to go on.
+    const std::string go_on = c.line == 1 ? "" : "tarnix-index: lines 1 to " + std::to_string(c.line - 1) +
+                                                     " are indexed into " + d.path() + "; go on from line " +
+                                                     std::to_string(c.line) + "\n";
+    EXPECT_EQ(r.err.substr(r.err.find('\n') + 1), go_on);
     testutil::BucketContent b = testutil::read_bucket(d.path());
     EXPECT_TRUE(b.problems.empty());
     EXPECT_EQ(b.index.events.size(), c.events_kept);
@@ -340,6 +346,56 @@ TEST(TarnixIndex, FailedFlushSaysWhereTheSlicesEventsAre) {
   }
 }
 
+// A stop request (SIGINT, SIGTERM, SIGHUP) while the input is still coming
+// ends the run between two lines: the slice in memory is written, a line
+// says from where to go on, and the process ends by the signal.
+TEST(TarnixIndex, StopRequestWritesTheSliceAndSaysWhereToGoOn) {
+  TempDir scratch;
+  const std::string events = emit(200, 7).out;
+  const std::string input = scratch.file("input");
+  testutil::write_file(input, std::vector<uint8_t>(events.begin(), events.end()));
+  for (const auto& [sig, name] : {std::pair{SIGTERM, "SIGTERM"}, {SIGINT, "SIGINT"}, {SIGHUP, "SIGHUP"}}) {
+    SCOPED_TRACE(name);
+    const std::string dir = scratch.file("bucket");
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    // The input comes through a FIFO that stays open after its lines: the
+    // tool waits for more when the signal comes, sent once it has set its
+    // handler (bit 15 of SigCgt: SIGTERM). Whatever it got through by then,
+    // its line says.
+    RunResult r = testutil::run(
+        {"/bin/sh", "-c",
+         "mkfifo \"$3\"; \"$0\" -d \"$2\" -q <\"$3\" & exec 3>\"$3\"; cat \"$1\" >&3; "
+         "while [ $(( 0x$(awk '/^SigCgt/ {print $2}' /proc/$!/status) & 0x4000 )) -eq 0 ]; do sleep 0.01; done; "
+         "sleep 0.1; kill -" + std::string(name + 3) + " $!; wait $!",
+         testutil::bin("tarnix-index"), input, dir, scratch.file("fifo")});
+    EXPECT_EQ(r.status, 128 + sig) << r.err;
+    ASSERT_EQ(unlink(scratch.file("fifo").c_str()), 0);
+    const size_t indexed = number_after(r.err, "lines 1 to ");
+    if (indexed == 0) {
+      EXPECT_EQ(r.err.rfind(std::string("tarnix-index: stopped by ") + name + " before line 1: nothing is indexed\n", 0), 0u)
+          << r.err;
+      EXPECT_EQ(testutil::names_ending(dir, ".tsidx"), std::vector<std::string>{});
+    } else {
+      // (The shell may add its own word on how the job ended.)
+      EXPECT_EQ(r.err.rfind("tarnix-index: stopped by " + std::string(name) + ": lines 1 to " +
+                                std::to_string(indexed) + " are indexed into " + dir + "; go on from line " +
+                                std::to_string(indexed + 1) + "\n",
+                            0),
+                0u)
+          << r.err;
+      std::istringstream in(events);
+      std::string text;
+      for (std::string line; text.size() < events.size() && std::getline(in, line);) {
+        if (static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) == indexed) break;
+        text += line + "\n";
+      }
+      expect_bucket_holds(dir, parse_events(text), indexed);
+    }
+    EXPECT_EQ(testutil::names_ending(dir, ".pre-tsidx"), std::vector<std::string>{});
+    testutil::remove_tree(dir);
+  }
+}
+
 // Memory that runs out anywhere in a run ends it with a line that says what
 // is not in the bucket: every line before the lines it names (or before the
 // line it fails on) is there, each once, and nothing after them.
@@ -365,12 +421,19 @@ TEST(TarnixIndex, MemoryThatRunsOutSaysWhatIsMissing) {
     size_t kept = lines.size();
     if (r.status != 0) {
       EXPECT_EQ(r.status, 1) << r.err;
-      ASSERT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
       // What the line names as missing: the lines of the slice it lost, or
-      // the line it stopped on and every one after.
-      if (r.err.find(" lines ") != std::string::npos) {
+      // the line it stopped on and every one after; or, on a line of its
+      // own, the lines that are indexed.
+      const auto line_ends = std::count(r.err.begin(), r.err.end(), '\n');
+      if (r.err.find(" are indexed into ") != std::string::npos) {
+        EXPECT_EQ(line_ends, 2) << r.err;
+        kept = number_after(r.err, "lines 1 to ");
+        EXPECT_EQ(kept + 1, number_after(r.err, "line ")) << r.err;
+      } else if (r.err.find(" lines ") != std::string::npos) {
+        EXPECT_EQ(line_ends, 1) << r.err;
         kept = number_after(r.err, " lines ") - 1;
       } else if (r.err.rfind("tarnix-index: line ", 0) == 0) {
+        EXPECT_EQ(line_ends, 1) << r.err;
         kept = number_after(r.err, "line ") - 1;
       } else {
         EXPECT_TRUE(r.err == "tarnix-index: out of memory\n" || r.err.find(": cannot open ") != std::string::npos)
@@ -445,7 +508,8 @@ TEST(TarnixIndex, EveryEventLandsWholeInOneFile) {
     RunResult r = run_index(args, first + c.second);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, std::string("tarnix-index: line 2: the event does not fit an empty slice ") + c.message +
-                         "; raise the limits\n");
+                         "; raise the limits\ntarnix-index: lines 1 to 1 are indexed into " + d.path() +
+                         "; go on from line 2\n");
     EXPECT_EQ(testutil::read_bucket(d.path()).value_count, 1u) << "the event before it is kept";
   }
 }

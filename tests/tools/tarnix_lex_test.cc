@@ -197,6 +197,9 @@ TEST(TarnixLex, DirectoryOutcomes) {
   EXPECT_EQ(r.out, "Lexicon filtering aborted. Input file \"" + one.file("merged_lexicon.lex") +
                        "\" does not exist.\n");
   EXPECT_EQ(r.err.rfind("tarnix-lex: filtering failed: rc=-28 (ST_EEXISTS)", 0), 0u) << r.err;
+  EXPECT_NE(r.err.find(": " + one.file("merged_lexicon.lex") + " does not exist (build it with tarnix-lex -d first)\n"),
+            std::string::npos)
+      << r.err;
 
   // A status line that cannot be written (files may not grow at all) is
   // not left as an empty file without a word.
@@ -218,6 +221,26 @@ TEST(TarnixLex, DirectoryOutcomes) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("failed to open file " + one.file("missing") + "/optimize.result\n"), std::string::npos);
   EXPECT_NE(r.err.find("tarnix-lex: merging failed: rc=-1 (WS_ENOTAVAIL)"), std::string::npos) << r.err;
+}
+
+// Started without a standard output, the tool must not let the merged
+// lexicon take its number: the -v lines would be written into it. A second
+// merge is refused, and says why.
+TEST(TarnixLex, ClosedStandardOutputAndAnExistingLexicon) {
+  TempDir closed, open;
+  for (const TempDir* d : {&closed, &open}) {
+    for (int f = 1; f <= 2; ++f) ASSERT_NE(testutil::write_slice(d->path(), testutil::make_events(f, 20, 1, 1000)), "");
+  }
+  RunResult r = testutil::run({"/bin/sh", "-c", "exec \"$0\" -d \"$1\" -v >&-", testutil::bin("tarnix-lex"), closed.path()});
+  ASSERT_EQ(r.status, 0) << r.err;
+  ASSERT_EQ(lex({"-d", open.path(), "-v"}).status, 0);
+  EXPECT_TRUE(testutil::read_file(closed.file("merged_lexicon.lex")) == testutil::read_file(open.file("merged_lexicon.lex")));
+  r = lex({"-d", open.path()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("merging failed: rc=-28 (ST_EEXISTS) errno="), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find(": " + open.file("merged_lexicon.lex") + " exists already (remove it to build it again)\n"),
+            std::string::npos)
+      << r.err;
 }
 
 // System calls made to fail inside the merge (tests/preload): the merged

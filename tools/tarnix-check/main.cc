@@ -217,8 +217,7 @@ static int tool_main(int argc, char** argv) {
     if (more_options && a == "--") {
       more_options = false;
     } else if (more_options && a == "--help") {
-      fputs(USAGE, stdout);
-      return 0;
+      return tools::print_help("tarnix-check", USAGE);
     } else if (more_options && a == "--json") {
       o.json = true;
     } else if (more_options && a == "-q") {

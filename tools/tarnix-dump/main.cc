@@ -418,8 +418,7 @@ static int tool_main(int argc, char** argv) {
       return true;
     };
     if (a == "--help") {
-      fputs(USAGE, stdout);
-      return 0;
+      return tools::print_help("tarnix-dump", USAGE);
     } else if (a == "--header") {
       o.header = true;
     } else if (a == "--terms") {
@@ -440,10 +439,8 @@ static int tool_main(int argc, char** argv) {
     } else if (a == "--limit") {
       std::string v;
       if (!value(&v)) return usage_error("--limit needs a number");
-      char* end = nullptr;
-      errno = 0;
-      const unsigned long long n = strtoull(v.c_str(), &end, 10);
-      if (v.empty() || *end != '\0' || errno != 0 || v[0] == '-') return usage_error("not a number: " + v);
+      uint64_t n = 0;
+      if (!tools::parse_u64(v.c_str(), &n)) return usage_error("not a number: " + v);
       o.limit = n;
       o.has_limit = true;
     } else if (a.size() > 1 && a[0] == '-') {

@@ -30,6 +30,15 @@
 namespace {
 
 constexpr int EXIT_INPUT = 1;
+
+// The signal that asked the run to stop (SIGINT, SIGTERM, SIGHUP), or 0.
+volatile sig_atomic_t stop_signal = 0;
+
+void request_stop(int sig) { stop_signal = sig; }
+
+const char* stop_name() {
+  return stop_signal == SIGINT ? "stopped by SIGINT" : stop_signal == SIGTERM ? "stopped by SIGTERM" : "stopped by SIGHUP";
+}
 using tools::EXIT_USAGE;
 using tools::parse_u64;
 constexpr uint64_t PROGRESS_EVERY = 4096;   // events between looks at the clock
@@ -68,7 +77,10 @@ constexpr const char USAGE[] =
     "  -q                   no progress or summary on standard error\n"
     "  --help               this text\n"
     "\n"
-    "Exit status: 0 done, 1 bad input or a failed flush, 2 usage error.\n";
+    "A run that stops early (a bad line, a failed flush, memory that runs out,\n"
+    "SIGINT, SIGTERM or SIGHUP) says from which line on nothing is indexed.\n"
+    "Exit status: 0 done, 1 bad input, a failed flush or no memory, 2 usage\n"
+    "error; stopped by a signal: the signal's status (130, 143, 129).\n";
 
 struct options {
   const char* dir = nullptr;
@@ -108,8 +120,7 @@ options parse_args(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     std::string_view a = argv[i];
     if (a == "--help" || a == "-h") {
-      fputs(USAGE, stdout);
-      exit(0);
+      exit(tools::print_help("tarnix-index", USAGE));
     } else if (a == "-d") {
       o.dir = value(&i);
     } else if (a == "--max-values") {
@@ -323,16 +334,10 @@ class indexer {
     return 0;
   }
 
-  // Flushes what is left. 0 or the exit status. After an error only a
-  // failed flush is reported: the lines before the error are not all in
-  // the files then.
-  int finish(uint64_t last_line, bool after_error = false) {
-    bool pending = t_->hot_slice != nullptr && tarnix::st_hot_slice_values(t_->hot_slice) != 0;
-    if (pending && !flush_now()) {
-      const int status = flush_failed(last_line);
-      return after_error ? EXIT_INPUT : status;
-    }
-    if (!o_.quiet && !after_error) {
+  // Flushes what is left. 0 or the exit status.
+  int finish(uint64_t last_line) {
+    if (pending() && !flush_now()) return flush_failed(last_line);
+    if (!o_.quiet) {
       double secs = now_s() - start_;
       fprintf(stderr, "tarnix-index: %llu events indexed into %llu files in %.2f s\n",
               static_cast<unsigned long long>(events_), static_cast<unsigned long long>(files()), secs);
@@ -340,9 +345,30 @@ class indexer {
     return 0;
   }
 
+  // The run stopped before line next_line (a bad line, an event that cannot
+  // be taken, a failed read, a stop request; `stopped` names the last):
+  // what is left is flushed and a line says from where to go on, so that
+  // running again neither loses nor doubles an event. When a slice was
+  // lost its own line said which lines, and nothing is added.
+  void finish_early(uint64_t next_line, const char* stopped = nullptr) {
+    if (lost_slice_) return;
+    if (pending() && !flush_now()) {
+      (void)flush_failed(next_line);
+      return;
+    }
+    const auto last = static_cast<unsigned long long>(next_line - 1);
+    if (last == 0) {
+      if (stopped != nullptr) fprintf(stderr, "tarnix-index: %s before line 1: nothing is indexed\n", stopped);
+      return;
+    }
+    fprintf(stderr, "tarnix-index: %s%slines 1 to %llu are indexed into %s; go on from line %llu\n",
+            stopped != nullptr ? stopped : "", stopped != nullptr ? ": " : "", last, o_.dir, last + 1);
+  }
+
   // Memory ran out on line_no. Nothing is flushed: part of that line's
   // event may be in the slice.
   int out_of_memory(uint64_t line_no) {
+    lost_slice_ = true;
     forget_flushed_addresses();
     if (slice_addresses_.empty()) return fail(line_no, "out of memory");
     return fail(line_no, "out of memory; the events of lines %llu to %llu were not written: index them again",
@@ -353,6 +379,8 @@ class indexer {
   // Files written when a put found the slice full, and by the tool's own
   // flushes (before an event that would not fit, and at the end).
   uint64_t files() const { return t_->full_count + own_files_; }
+
+  bool pending() const { return t_->hot_slice != nullptr && tarnix::st_hot_slice_values(t_->hot_slice) != 0; }
 
   // Writes the slice into a file of its own; false when that failed.
   bool flush_now() {
@@ -409,6 +437,7 @@ class indexer {
   // stops here, and whoever runs it again needs to know from which line on
   // (or which file still holds them) so that no event is lost or doubled.
   int flush_failed(uint64_t line_no) {
+    lost_slice_ = true;
     const int rc = t_->wrc.warm_rc;
     const char* why = strerror(t_->wrc.warm_errno);
     const char* name = tarnix::st_rc_name(rc);
@@ -478,6 +507,7 @@ class indexer {
   double last_report_;
   uint64_t events_ = 0;
   uint64_t own_files_ = 0;
+  bool lost_slice_ = false;  // a flush failed or memory ran out
   bool have_prev_ = false;
   int32_t prev_ts_ = 0;
   uint32_t prev_addr_ = 0;
@@ -497,18 +527,20 @@ int emit_events(const options& o) {
   tarnix_index::event_generator gen(o.generate_count, o.seed, o.streaming, o.min_tokens, o.max_tokens);
   tarnix_index::event e;
   std::string out;
+  auto written = [&] { return fwrite(out.data(), 1, out.size(), stdout) == out.size(); };
+  auto failed = [] {
+    fprintf(stderr, "tarnix-index: writing the events failed: %s\n", strerror(errno));
+    return EXIT_INPUT;
+  };
   while (gen.next(&e)) {
     out += tarnix_index::format_event(e);
     out += '\n';
     if (out.size() >= (1u << 20)) {
-      if (fwrite(out.data(), 1, out.size(), stdout) != out.size()) return EXIT_INPUT;
+      if (!written()) return failed();
       out.clear();
     }
   }
-  if (fwrite(out.data(), 1, out.size(), stdout) != out.size() || fflush(stdout) != 0) {
-    fprintf(stderr, "tarnix-index: writing the events failed: %s\n", strerror(errno));
-    return EXIT_INPUT;
-  }
+  if (!written() || fflush(stdout) != 0) return failed();
   return 0;
 }
 
@@ -519,6 +551,10 @@ int run_generated(const options& o, indexer* ix) {
   std::vector<std::string_view> terms;
   uint64_t n = 0;
   for (;;) {
+    if (stop_signal != 0) {
+      ix->finish_early(n + 1, stop_name());
+      return EXIT_INPUT;
+    }
     int r = 0;
     try {
       if (!gen.next(&e)) break;
@@ -530,7 +566,7 @@ int run_generated(const options& o, indexer* ix) {
       return ix->out_of_memory(n + 1);
     }
     if (r != 0) {
-      (void)ix->finish(n, true);
+      ix->finish_early(n);
       return r;
     }
   }
@@ -549,13 +585,25 @@ int run_input(const options& o, indexer* ix) {
   uint64_t line_no = 0;
   parsed_event e;
   int status = 0;
+  uint64_t next_line = 0;  // the first line not indexed, after an error
+  const char* stopped = nullptr;
   for (;;) {
+    // A stop request ends the run between two lines (a read that waits
+    // for input is interrupted by it).
+    if (stop_signal != 0) {
+      stopped = stop_name();
+      status = EXIT_INPUT;
+      next_line = line_no + 1;
+      break;
+    }
     errno = 0;
     ssize_t len = getline(&buf, &cap, in);
+    if (len < 0 && stop_signal != 0) continue;
     if (len < 0) {
       // Also when getline could not make its buffer large enough: the
       // stream is then neither at its end nor marked failed.
       if (ferror(in) || !feof(in)) {
+        next_line = line_no + 1;
         fprintf(stderr, "tarnix-index: line %llu: reading failed: %s\n",
                 static_cast<unsigned long long>(line_no + 1), strerror(errno));
         status = EXIT_INPUT;
@@ -572,6 +620,7 @@ int run_input(const options& o, indexer* ix) {
       if (!problem.empty()) {
         fprintf(stderr, "tarnix-index: line %llu: %s\n", static_cast<unsigned long long>(line_no), problem.c_str());
         status = EXIT_INPUT;
+        next_line = line_no;
         break;
       }
       status = ix->add(line_no, e.timestamp, e.fields, e.terms);
@@ -584,14 +633,17 @@ int run_input(const options& o, indexer* ix) {
       if (!from_stdin) fclose(in);
       return status;
     }
-    if (status != 0) break;
+    if (status != 0) {
+      next_line = line_no;
+      break;
+    }
   }
   free(buf);
   if (!from_stdin) fclose(in);
   if (status != 0) {
-    // What was read before the bad line is flushed: the files stay valid
-    // and complete up to that line.
-    (void)ix->finish(line_no, true);
+    // What was read before the line that stopped the run is flushed: the
+    // files stay valid and complete up to it.
+    ix->finish_early(next_line, stopped);
     return status;
   }
   return ix->finish(line_no);
@@ -605,8 +657,18 @@ static int tool_main(int argc, char** argv) {
 
   tarnix::st_init();
   // Past a file-size limit a write fails (and the unfinished file is
-  // removed) instead of the process being ended in the middle of it.
+  // removed) instead of the process being ended in the middle of it; a
+  // reader of the progress lines that goes away only loses them (the
+  // slice in memory would go with the process).
   signal(SIGXFSZ, SIG_IGN);
+  signal(SIGPIPE, SIG_IGN);
+  // A stop request flushes the slice in memory and says from which line on
+  // to go on; the process then ends by the signal all the same. (No
+  // SA_RESTART: a read waiting for input must return.)
+  struct sigaction stop {};
+  stop.sa_handler = request_stop;
+  sigemptyset(&stop.sa_mask);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &stop, nullptr);
   struct stat st;
   if (stat(o.dir, &st) != 0) {
     fprintf(stderr, "tarnix-index: %s: %s\n", o.dir, strerror(errno));
@@ -628,6 +690,11 @@ static int tool_main(int argc, char** argv) {
   // close to write.
   if (t->hot_slice != nullptr) tarnix::st_hot_slice_reset(t->hot_slice);
   (void)tarnix::st_tsidx_close(t);
+  // Stopped early: the process ends by the signal, as it was asked to.
+  if (stop_signal != 0 && status != 0) {
+    signal(stop_signal, SIG_DFL);
+    raise(stop_signal);
+  }
   return status;
 }
 

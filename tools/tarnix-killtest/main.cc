@@ -611,8 +611,7 @@ static int tool_main(int argc, char** argv) {
     } else if (a == "-v") {
       o.verbose = true;
     } else if (a == "--help") {
-      fputs(USAGE, stdout);
-      return 0;
+      return tools::print_help("tarnix-killtest", USAGE);
     } else {
       ok = false;
     }
@@ -645,7 +644,13 @@ static int tool_main(int argc, char** argv) {
     }
     o.work = buf.data();
   } else if (mkdir(o.work.c_str(), 0700) != 0 && errno != EEXIST) {
-    fprintf(stderr, "tarnix-killtest: cannot create %s\n", o.work.c_str());
+    fprintf(stderr, "tarnix-killtest: cannot create %s: %s\n", o.work.c_str(), strerror(errno));
+    return 2;
+  }
+  // A setup fault, not a failed check: the buckets could not be made there.
+  struct stat st;
+  if (stat(o.work.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    fprintf(stderr, "tarnix-killtest: %s is not a directory\n", o.work.c_str());
     return 2;
   }
   int rc = killtest(o).run();

@@ -102,8 +102,7 @@ options parse_args(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     std::string_view a = argv[i];
     if (a == "--help" || a == "-h") {
-      fputs(USAGE, stdout);
-      exit(0);
+      exit(tools::print_help("tarnix-lex", USAGE));
     } else if (a == "-d") {
       o.dir = value(&i);
     } else if (a == "--filter") {
@@ -260,6 +259,9 @@ int check_no_lexicon_only_sources(const options& o) {
 }
 
 int run_dir(const options& o) {
+  // A reader of the -v lines that goes away only loses them, rather than
+  // ending the merge with its temporary file half-written.
+  signal(SIGPIPE, SIG_IGN);
   if (o.filter) {
     int refused = check_filter_keeps_terms(o);
     if (refused != 0) return refused;
@@ -274,8 +276,21 @@ int run_dir(const options& o) {
     // A failed move's message has no line end of its own.
     if (o.verbose && rc == tarnix::ST_EMOVE) printf("\n");
     fflush(stdout);
-    fprintf(stderr, "tarnix-lex: %s failed: rc=%i (%s) errno=%i%s%s\n", o.filter ? "filtering" : "merging", rc,
-            tarnix::st_rc_name(rc), w.warm_errno, w.message[0] != '\0' ? " " : "", w.message);
+    // -28 stands for an input that is missing as well as an output that
+    // exists: the line says which.
+    std::string why;
+    if (rc == tarnix::ST_EEXISTS) {
+      const std::string merged = std::string(o.dir) + "/merged_lexicon.lex";
+      const std::string out = o.filter ? std::string(o.dir) + "/filtered_merged_lexicon.lex" : merged;
+      struct stat st;
+      if (o.filter && stat(merged.c_str(), &st) != 0) {
+        why = ": " + merged + " does not exist (build it with tarnix-lex -d first)";
+      } else if (stat(out.c_str(), &st) == 0) {
+        why = ": " + out + " exists already (remove it to build it again)";
+      }
+    }
+    fprintf(stderr, "tarnix-lex: %s failed: rc=%i (%s) errno=%i%s%s%s\n", o.filter ? "filtering" : "merging", rc,
+            tarnix::st_rc_name(rc), w.warm_errno, w.message[0] != '\0' ? " " : "", w.message, why.c_str());
     return EXIT_FAILED;
   }
   if (w.warm_rc == tarnix::ST_EFEWFILES || w.warm_rc == tarnix::ST_ENOGROUP) {
