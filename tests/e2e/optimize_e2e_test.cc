@@ -329,7 +329,8 @@ TEST(OptimizeRun, ProcessLimitsFailThePass) {
     const auto sources = snapshot(d.path());
 
     RunResult r = run({"/bin/sh", "-c", std::string(c.limit) + "; exec \"$0\" \"$@\"", bin("tarnix-optimize"),
-                       "-d", d.path(), "-m", "all"});
+                       "-d", d.path(), "-m", "all"},
+                      kOptimizeEnv);
     EXPECT_EQ(r.status, c.status) << r.err;
     std::string want = c.err;
     if (const size_t at = want.find("DIR"); at != std::string::npos) want.replace(at, 3, d.path());
