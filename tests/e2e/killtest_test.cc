@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "testutil/testutil.h"
 
@@ -36,6 +37,23 @@ TEST(KillTest, RefusesBadOptions) {
   r = testutil::run_bin("tarnix-killtest", {"--kills", "1", "--work", d.file("plain")});
   EXPECT_EQ(2, r.status);
   EXPECT_EQ(r.err, "tarnix-killtest: " + d.file("plain") + " is not a directory\n");
+}
+
+// A stop request ends the run after the bucket in hand: the report, its
+// own work directory removed, and the end by the signal.
+TEST(KillTest, StopRequestReportsAndCleansUp) {
+  testutil::TempDir tmp;
+  testutil::RunResult r = testutil::run(
+      {"/bin/sh", "-c",
+       "\"$0\" --kills 50 --events 600 --max-values 30 --design-breaks 0 & "
+       "i=0; while [ $i -lt 500 ] && [ $(( 0x$(awk '/^SigCgt/ {print $2}' /proc/$!/status 2>/dev/null || echo 0) & "
+         "0x4003 )) -ne $((0x4003)) ]; do i=$((i + 1)); sleep 0.01; done; "
+       "kill -TERM $!; wait $!",
+       testutil::bin("tarnix-killtest")},
+      {"TMPDIR=" + tmp.path()});
+  EXPECT_EQ(128 + 15, r.status) << r.out << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("stopped by signal 15 before its 50 kills\nresult: OK\n")) << r.out;
+  EXPECT_EQ(testutil::list_dir(tmp.path()), std::vector<std::string>{});
 }
 
 }  // namespace
