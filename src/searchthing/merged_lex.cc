@@ -143,17 +143,47 @@ int open_regular_file(const char* path) noexcept {
   return fd;
 }
 
-int create_tmp(const char* tmp_path) noexcept {
-  return open(tmp_path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600);
+// Which file a name stands for.
+struct file_id {
+  dev_t dev = 0;
+  ino_t ino = 0;
+};
+
+bool names_file(const char* path, const file_id& id) noexcept {
+  struct stat st;
+  return stat(path, &st) == 0 && st.st_dev == id.dev && st.st_ino == id.ino;
+}
+
+// The exclusive create of the temporary; *id says which file it is.
+int create_tmp(const char* tmp_path, file_id* id) noexcept {
+  const int fd = open(tmp_path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600);
+  struct stat st;
+  if (fd >= 0 && fstat(fd, &st) == 0) *id = file_id{st.st_dev, st.st_ino};
+  return fd;
 }
 
 // The temporary reaches its final name only by a hard link: a name that
-// exists meanwhile makes the link fail instead of being replaced.
-int move_into_place(int verbose, const char* tmp_path, const char* final_path, wrc* w) noexcept {
+// exists meanwhile makes the link fail instead of being replaced. A second
+// run in the same directory erases the temporary name as it would a dead
+// run's and writes its own file under it: only the name of this run's own,
+// whole file is moved, and a link that still caught the other's (it took
+// the name between the look and the link) is undone, so that no half-made
+// file ever has the final name.
+int move_into_place(int verbose, const char* tmp_path, const char* final_path, const file_id& own,
+                    wrc* w) noexcept {
   int err = 0;
   for (int attempt = 0; attempt < ST_LEX_MOVE_ATTEMPTS; ++attempt) {
+    if (!names_file(tmp_path, own)) {
+      errno = ENOENT;
+      return _set_rc_verbose(w, ST_EMOVE, -1, "another run took the temporary file's name");
+    }
     err = _link_and_unlink(tmp_path, final_path, nullptr);
-    if (err == 0) return 0;
+    if (err == 0) {
+      if (names_file(final_path, own)) return 0;
+      (void)unlink(final_path);
+      errno = ENOENT;
+      return _set_rc_verbose(w, ST_EMOVE, -1, "another run took the temporary file's name");
+    }
   }
   if (verbose) {
     printf("Failed to move \"%s\" to \"%s\" eno=%i", tmp_path, final_path, err);
@@ -326,7 +356,8 @@ int st_tsidx_merge_lex_n(tsidx* t, int verbose, uint32_t tperb, uint64_t page_sz
     return _set_rc(w, ST_EEXISTS);
   }
   int& out_fd = slots.fds[ST_MERGE_LEX_MAX_FILES];
-  out_fd = create_tmp(tmp_path);
+  file_id own;
+  out_fd = create_tmp(tmp_path, &own);
   if (out_fd < 0) return _set_rc(w, WS_EOPEN);
 
   if (verbose) printf("creating merged lexicon from %lu tsidx files\n", count);
@@ -353,7 +384,7 @@ int st_tsidx_merge_lex_n(tsidx* t, int verbose, uint32_t tperb, uint64_t page_sz
   slots.close_all();
   // A written file whose close failed may not hold what was written.
   if (out_close != 0) return _set_rc(w, WS_ECLOSE);
-  return move_into_place(verbose, tmp_path, final_path, w);
+  return move_into_place(verbose, tmp_path, final_path, own, w);
 }
 
 int st_tsidx_filter_merged_lex(tsidx* t, int verbose, uint32_t tperb, uint64_t page_sz, uint32_t min_count,
@@ -382,7 +413,8 @@ int st_tsidx_filter_merged_lex(tsidx* t, int verbose, uint32_t tperb, uint64_t p
   }
 
   fd_guard out;
-  out.fd = create_tmp(tmp_path);
+  file_id own;
+  out.fd = create_tmp(tmp_path, &own);
   if (out.fd < 0) return _set_rc(w, WS_EOPEN);
   if (verbose) {
     printf("filtering merged lexicon\n");
@@ -397,7 +429,7 @@ int st_tsidx_filter_merged_lex(tsidx* t, int verbose, uint32_t tperb, uint64_t p
   (void)close(in.fd);
   in.fd = -1;
   if (out.close_now() != 0) return _set_rc(w, WS_ECLOSE);
-  return move_into_place(verbose, tmp_path, final_path, w);
+  return move_into_place(verbose, tmp_path, final_path, own, w);
 }
 
 int st_optimize_lex(const char* dir, int verbose, uint32_t tperb, uint64_t page_sz, uint32_t min_count, int filter,
@@ -412,17 +444,23 @@ int st_optimize_lex(const char* dir, int verbose, uint32_t tperb, uint64_t page_
     (void)st_tsidx_close(t);
   }
 
+  // The line is written beside the status file and renamed over it, so
+  // that two runs at once leave one whole line, not one written over the
+  // other.
   char status[PATH_BUF_SZ];
+  char beside[PATH_BUF_SZ + 32];
   so_status_filename(dir, status);
-  FILE* f = fopen(status, "w+");
+  snprintf(beside, sizeof beside, "%s.%ld", status, static_cast<long>(getpid()));
+  FILE* f = fopen(beside, "w");
   if (f == nullptr) {
     fprintf(stderr, "failed to open file %s\n", status);
   } else {
-    // A line that could not be written leaves an empty file, which would
-    // read as the mark of a finished final optimize: say so.
     const bool written = fprintf(f, "tarnix-optimize-lex complete with rc=%i wrc=[%i,%i]\n", rc, w->warm_rc,
                                  w->warm_errno) > 0;
-    if (fclose(f) != 0 || !written) fprintf(stderr, "failed to write file %s\n", status);
+    if (fclose(f) != 0 || !written || rename(beside, status) != 0) {
+      fprintf(stderr, "failed to write file %s\n", status);
+      (void)unlink(beside);
+    }
   }
   // Nothing to merge is not a failure of this operation.
   if (rc == ST_EFEWFILES || rc == ST_ENOGROUP) return 0;

@@ -2,6 +2,7 @@
 // filtered lexicons, --list of both (big-endian and native counts), the
 // refusal of a minimum count that keeps nothing, exit statuses and usage
 // errors.
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
+#include <iostream>
 #include <map>
 #include <sstream>
 #include <string>
@@ -241,6 +243,41 @@ TEST(TarnixLex, ClosedStandardOutputAndAnExistingLexicon) {
   EXPECT_NE(r.err.find(": " + open.file("merged_lexicon.lex") + " exists already (remove it to build it again)\n"),
             std::string::npos)
       << r.err;
+}
+
+// A second run started while the first writes erases the first one's
+// temporary name (as it would a dead run's) and writes its own file under
+// it. Whatever happens next, even the second run killed, only a whole
+// lexicon may ever have the final name, and the status file holds one line.
+TEST(TarnixLex, SecondRunAtOnceNeverLeavesAHalfMadeLexicon) {
+  TempDir dir;
+  RunResult r = testutil::run_bin("tarnix-index", {"-d", dir.path(), "--generate", "60000", "--seed", "5", "--tokens",
+                                                  "10-30", "--max-values", "5000", "--max-terms", "300000",
+                                                  "--max-term-chars", "30000000", "--max-postings", "3000000", "-q"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const term_counts all = expected_union(dir);
+  int raced = 0;
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    const pid_t first = testutil::spawn_bin("tarnix-lex", {"-d", dir.path()});
+    for (int i = 0; i < 2000 && !exists(dir.file("merged_lexicon.lex.tmp")); ++i) usleep(1000);
+    const pid_t second = testutil::spawn_bin("tarnix-lex", {"-d", dir.path()});
+    const int first_status = testutil::wait_status(first);
+    // Caught while it may still be writing under the temporary name.
+    kill(second, SIGKILL);
+    (void)testutil::wait_status(second);
+    if (first_status != 0) ++raced;
+    if (exists(dir.file("merged_lexicon.lex"))) {
+      EXPECT_EQ(testutil::run_bin("tarnix-check", {"-q", dir.file("merged_lexicon.lex")}).status, 0);
+      EXPECT_EQ(parse_list(lex({"--list", dir.file("merged_lexicon.lex")}).out), all);
+    } else {
+      EXPECT_NE(first_status, 0);
+    }
+    const std::string status = testutil::read_text(dir.file("optimize.result"));
+    EXPECT_EQ(std::count(status.begin(), status.end(), '\n'), 1) << status;
+    for (const char* left : {"merged_lexicon.lex", "merged_lexicon.lex.tmp"}) (void)unlink(dir.file(left).c_str());
+  }
+  std::cout << raced << " of 3 rounds had the second run take the temporary name\n";
 }
 
 // System calls made to fail inside the merge (tests/preload): the merged
